@@ -1,0 +1,60 @@
+# Thin wrapper over CMake. `make test` builds and runs every test; `make run` runs the
+# main example. Sanitizer builds live in their own folders.
+MAKEFLAGS += --no-print-directory
+JOBS    ?= 2
+PREFIX  ?= /usr/local
+BUILD   := build
+CMAKE_FLAGS ?=
+
+.PHONY: all deps test run sanitize tsan bench install clean
+
+all: deps
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS) >/dev/null
+	@cmake --build $(BUILD) -j$(JOBS)
+
+# Checks the tools; as root it installs what is missing from Debian's packages,
+# otherwise it prints the command to run.
+deps:
+	@missing=""; \
+	command -v cmake >/dev/null 2>&1 || missing="$$missing cmake"; \
+	command -v make >/dev/null 2>&1 || missing="$$missing make"; \
+	command -v pkg-config >/dev/null 2>&1 || missing="$$missing pkg-config"; \
+	echo 'int main(){}' | g++ -std=c++20 -x c++ -o /dev/null - >/dev/null 2>&1 || missing="$$missing g++"; \
+	[ -f /usr/include/gtest/gtest.h ] || missing="$$missing libgtest-dev"; \
+	if [ -n "$$missing" ]; then \
+	  if [ "$$(id -u)" = 0 ] && command -v apt-get >/dev/null 2>&1; then \
+	    echo "installing:$$missing"; \
+	    DEBIAN_FRONTEND=noninteractive apt-get update -qq && \
+	    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing >/dev/null || exit 1; \
+	  else \
+	    echo "missing:$$missing"; echo "run: sudo apt-get install -y$$missing"; exit 1; \
+	  fi; \
+	fi
+
+test: all
+	@ctest --test-dir $(BUILD) --output-on-failure -j$(JOBS)
+
+run: all
+	@$(BUILD)/examples/worker
+
+sanitize: deps
+	@cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DVOKT_SANITIZE=address -DVOKT_BUILD_EXAMPLES=OFF >/dev/null
+	@cmake --build build-asan -j$(JOBS)
+	@ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+	  ctest --test-dir build-asan --output-on-failure -j$(JOBS)
+
+tsan: deps
+	@cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DVOKT_SANITIZE=thread -DVOKT_BUILD_EXAMPLES=OFF >/dev/null
+	@cmake --build build-tsan -j$(JOBS)
+	@TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest --test-dir build-tsan --output-on-failure -j$(JOBS)
+
+bench: deps
+	@cmake -S . -B $(BUILD) -DVOKT_BUILD_BENCH=ON >/dev/null
+	@cmake --build $(BUILD) -j$(JOBS)
+	@for b in $(BUILD)/bench/bench_*; do [ -x "$$b" ] && "$$b" --benchmark_format=json --benchmark_out=$$b.json || exit 1; done
+
+install: all
+	@cmake --install $(BUILD) --prefix $(PREFIX)
+
+clean:
+	@rm -rf $(BUILD) build-asan build-tsan

@@ -1,0 +1,123 @@
+#include "support.h"
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+#include <sstream>
+
+#include "vokt/core/memory.h"
+
+namespace test {
+namespace {
+
+std::atomic<long> g_calls{0};
+std::atomic<long> g_failAt{0};
+std::atomic<long> g_alsoFailAt{0};
+std::atomic<long> g_injected{0};
+
+bool ShouldFail() {
+    if (g_failAt.load() <= 0) return false;
+    const long call = ++g_calls;
+    if (call != g_failAt.load() && call != g_alsoFailAt.load()) return false;
+    g_injected++;
+    return true;
+}
+
+void *TestMalloc(size_t n) { return ShouldFail() ? nullptr : malloc(n); }
+void *TestRealloc(void *p, size_t n) { return ShouldFail() ? nullptr : realloc(p, n); }
+
+std::string MakeTempDir() {
+    char pattern[] = "/tmp/vokt-test-XXXXXX";
+    const char *dir = mkdtemp(pattern);
+    return dir ? dir : "/tmp";
+}
+
+}  // namespace
+
+void FailAllocation(long n, long m) {
+    g_failAt = 0;
+    g_calls = 0;
+    g_injected = 0;
+    g_alsoFailAt = m;
+    g_failAt = n;
+}
+
+long InjectedFailures() { return g_injected.load(); }
+
+int InChild(const std::function<void()> &body) {
+    fflush(stdout);
+    fflush(stderr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const std::string dir = MakeTempDir();
+        if (chdir(dir.c_str()) != 0) _exit(98);
+        body();
+        const int code = ::testing::Test::HasFailure() ? 1 : 0;
+        std::string command = "rm -rf " + dir;
+        if (system(command.c_str()) != 0) _exit(97);
+        fflush(stdout);
+        exit(code);  // a normal exit, so the leak checker looks at the child too
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+int SweepAllocations(const std::function<void(long n)> &op) {
+    for (long n = 1;; n++) {
+        FailAllocation(n);
+        op(n);
+        const bool injected = InjectedFailures() > 0;
+        FailAllocation(0);
+        if (!injected) return static_cast<int>(n);
+    }
+}
+
+std::string ReadFile(const std::string &path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+void WriteFile(const std::string &path, const std::string &text) {
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+}
+
+bool HasReport(const std::string &log, const std::string &text, const std::string &module) {
+    const std::string head = "Assertion failed: " + text + " in file " + module + " on line ";
+    for (size_t at = log.find(head); at != std::string::npos; at = log.find(head, at + 1)) {
+        size_t end = at + head.size();
+        while (end < log.size() && isdigit(static_cast<unsigned char>(log[end]))) end++;
+        if (end > at + head.size() && log.compare(end, 2, "\n\n") == 0) return true;
+    }
+    return false;
+}
+
+int Count(const std::string &text, const std::string &needle) {
+    int n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) n++;
+    return n;
+}
+
+}  // namespace test
+
+int main(int argc, char **argv) {
+    ::testing::InitGoogleTest(&argc, argv);
+    // The failing allocator stays installed; it fails nothing until asked to.
+    const MemoryFunctions functions = {test::TestMalloc, test::TestRealloc, free};
+    Memory_SetFunctions(&functions);
+    // Anything logged outside a child lands in a scratch directory, never in the tree.
+    const std::string dir = test::MakeTempDir();
+    if (chdir(dir.c_str()) != 0) return 2;
+    unsetenv("VOKT_DEBUG");
+    unsetenv("VOKT_LOGGING");
+    const int result = RUN_ALL_TESTS();
+    const std::string command = "rm -rf " + dir;
+    return system(command.c_str()) == 0 ? result : 1;
+}

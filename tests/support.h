@@ -1,0 +1,31 @@
+// Test support: a failing allocator, child-process runs and small file helpers.
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace test {
+
+// Makes the n-th (and, when given, the m-th) allocation from now on fail; 0: none.
+// The failing allocator is installed for the whole run.
+void FailAllocation(long n, long m = 0);
+// Number of allocations made to fail since the last FailAllocation call.
+long InjectedFailures();
+
+// Runs body in a forked child inside a fresh temporary directory (the child's working
+// directory) and returns its exit status: 0 when no expectation failed in it.
+int InChild(const std::function<void()> &body);
+
+// Runs op(n) with the n-th allocation failing, for n = 1, 2, ... until op runs without
+// an injected failure; returns the number of runs.
+int SweepAllocations(const std::function<void(long n)> &op);
+
+std::string ReadFile(const std::string &path);
+void WriteFile(const std::string &path, const std::string &text);
+// True when log holds the assertion report of text from module, followed by the
+// empty line that every report leaves.
+bool HasReport(const std::string &log, const std::string &text, const std::string &module);
+// Number of times needle occurs in text.
+int Count(const std::string &text, const std::string &needle);
+
+}  // namespace test

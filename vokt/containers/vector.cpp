@@ -1,0 +1,244 @@
+// Vector: a linearly growing array of object pointers, optionally owning its elements
+// and optionally guarded by its own recursive mutex.
+#include "vokt/containers/vector.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#include "vokt/internal/alloc.h"
+#include "vokt/internal/check.h"
+#include "vokt/internal/classes.h"
+#include "vokt/internal/scope.h"
+
+namespace {
+
+constexpr char kModule[] = "vector";
+constexpr int64_t kInitialCapacity = 10;
+
+using vokt::VectorGuard;
+
+// Takes slot index out and closes the gap; the caller has checked the index.
+void *TakeSlot(Vector *v, int64_t index) {
+    Object *taken = v->data[index];
+    memmove(v->data + index, v->data + index + 1, static_cast<size_t>(v->size - index - 1) * sizeof(Object *));
+    v->size--;
+    return taken;
+}
+
+bool BytesEqual(const Object *probe, const Object *element) {
+    return element && memcmp(probe, element, probe->ftbl->size) == 0;
+}
+
+Vector *NewVector(int32_t owning) {
+    auto *vec = vokt::New<Vector>(&vokt::kVectorClass.base, "ObjectVector vec");
+    if (!vec) return nullptr;
+    vec->capacity = kInitialCapacity;
+    vec->growBy = kInitialCapacity;
+    vec->bOwnsElements = owning;
+    vec->data = static_cast<Object **>(vokt::Alloc(kInitialCapacity * sizeof(Object *)));
+    if (!vec->data) {
+        // No message for the array: only the record's failure is reported.
+        vokt::Free(vec);
+        return nullptr;
+    }
+    return vec;
+}
+
+}  // namespace
+
+namespace vokt {
+const VectorDescriptor kVectorClass = {
+    {sizeof(Vector), "Vector", +[](void *o) { Vector_Free(static_cast<Vector *>(o)); }, nullptr, nullptr, nullptr},
+    Vector_GetAt,
+    Vector_SetAt,
+    Vector_Add,
+    Vector_AddAll,
+    Vector_Remove,
+    Vector_RemoveAt,
+    Vector_RemoveIdentical,
+    Vector_Contains,
+};
+}  // namespace vokt
+
+extern "C" {
+
+Vector *Vector_New(void) { return NewVector(0); }
+
+Vector *Vector_NewOwning(void) { return NewVector(1); }
+
+int32_t Vector_SetSynchronized(Vector *v, int32_t flag) {
+    VOKT_ASSERT_OR_RETURN(v != NULL, -1);
+    v->bSynchronized = flag;
+    if (flag && !v->mutex) {
+        v->mutex = static_cast<Mutex *>(vokt::Alloc(sizeof(Mutex)));
+        if (!v->mutex) {
+            v->bSynchronized = 0;
+            return -2;
+        }
+        Mutex_Init(v->mutex);
+    }
+    return 0;
+}
+
+void Vector_Lock(Vector *v) {
+    VOKT_ASSERT_OR_RETURN(v != NULL);
+    VOKT_ASSERT(v->bSynchronized);
+    if (v->bSynchronized) Mutex_Lock(v->mutex);
+}
+
+void Vector_Unlock(Vector *v) {
+    VOKT_ASSERT_OR_RETURN(v != NULL);
+    VOKT_ASSERT(v->bSynchronized);
+    if (v->bSynchronized) Mutex_Unlock(v->mutex);
+}
+
+int64_t Vector_Length(Vector *v) {
+    VOKT_ASSERT_OR_RETURN(v != NULL, 0);
+    VectorGuard lock(v);
+    return v->size;
+}
+
+void *Vector_GetAt(Vector *v, int64_t index) {
+    VOKT_ASSERT_OR_RETURN(v != NULL, nullptr);
+    VectorGuard lock(v);
+    VOKT_ASSERT(v->size==0 || v->data != NULL);
+    VOKT_ASSERT_OR_RETURN(index < v->size, nullptr);
+    if (index < 0) return nullptr;
+    return v->data[index];
+}
+
+void Vector_SetAt(Vector *v, int64_t index, void *obj) {
+    VOKT_ASSERT_OR_RETURN(v != NULL);
+    VectorGuard lock(v);
+    VOKT_ASSERT(v->size==0 || v->data != NULL);
+    VOKT_ASSERT_OR_RETURN(index < v->size);
+    if (index < 0) return;
+    v->data[index] = static_cast<Object *>(obj);
+}
+
+void *Vector_Add(Vector *v, void *obj) {
+    VOKT_ASSERT_OR_RETURN(v != NULL, nullptr);
+    VectorGuard lock(v);
+    VOKT_ASSERT(v->size==0 || v->data != NULL);
+    if (v->size == v->capacity) {
+        v->capacity += v->growBy;
+        void *grown = vokt::Realloc(v->data, static_cast<size_t>(v->capacity) * sizeof(Object *));
+        if (!grown) {
+            // Long-standing failure contract: capacity stays raised, the old array stays,
+            // and a synchronised vector's lock stays held by the caller.
+            lock.Keep();
+            return nullptr;
+        }
+        v->data = static_cast<Object **>(grown);
+    }
+    v->data[v->size++] = static_cast<Object *>(obj);
+    return obj;
+}
+
+int32_t Vector_AddAll(Vector *target, Vector *source) {
+    VOKT_ASSERT_OR_RETURN(target != NULL && source != NULL, -1);
+    // Source before target: the order callers have always depended on.
+    VectorGuard sourceLock(source);
+    VectorGuard targetLock(target);
+    const auto add = vokt::VectorSlots(target)->Add;
+    // Copying a vector into itself stops at its original length instead of chasing
+    // its own tail.
+    const int64_t count = source->size;
+    for (int64_t i = 0; i < count; i++) {
+        // A null element comes back as null and ends the copy, as it always has.
+        if (!add(target, source->data[i])) return -2;
+    }
+    return 0;
+}
+
+void *Vector_RemoveAt(Vector *v, int64_t index) {
+    VOKT_ASSERT_OR_RETURN(v != NULL, nullptr);
+    VectorGuard lock(v);
+    VOKT_ASSERT(v->size==0 || v->data != NULL);
+    VOKT_ASSERT_OR_RETURN(0 <= index && index < v->size, nullptr);
+    return TakeSlot(v, index);
+}
+
+void *Vector_Remove(Vector *v, void *probe) {
+    VOKT_ASSERT_OR_RETURN(v != NULL, nullptr);
+    VectorGuard lock(v);
+    if (v->size < 1) return nullptr;
+    const auto *p = static_cast<const Object *>(probe);
+    const auto equals = p ? p->ftbl->Equals : nullptr;
+    for (int64_t i = 0; i < v->size; i++) {
+        Object *element = v->data[i];
+        if (element == p || (equals && equals(p, element))) return TakeSlot(v, i);
+    }
+    return nullptr;
+}
+
+void *Vector_RemoveIdentical(Vector *v, void *obj) {
+    VOKT_ASSERT_OR_RETURN(v != NULL, nullptr);
+    VectorGuard lock(v);
+    bool removed = false;
+    // The slot refilled from above is not looked at again, so of two adjacent copies
+    // the second survives one call.
+    for (int64_t i = 0; i < v->size; i++) {
+        if (v->data[i] == obj) {
+            TakeSlot(v, i);
+            removed = true;
+        }
+    }
+    return removed ? obj : nullptr;
+}
+
+int32_t Vector_Contains(Vector *v, void *probe) {
+    VOKT_ASSERT_OR_RETURN(v != NULL, 0);
+    if (!probe) return 0;
+    VectorGuard lock(v);
+    const auto *p = static_cast<const Object *>(probe);
+    const auto equals = p->ftbl->Equals;
+    for (int64_t i = 0; i < v->size; i++) {
+        if (equals ? equals(p, v->data[i]) != 0 : BytesEqual(p, v->data[i])) return 1;
+    }
+    return 0;
+}
+
+void Vector_Sort(Vector *v) {
+    VOKT_ASSERT_OR_RETURN(v != NULL);
+    VectorGuard lock(v);
+    if (v->size != 0) VOKT_ASSERT(v->size==0 || v->data != NULL);
+    if (v->size > 0) {
+        VOKT_ASSERT_OR_RETURN(v->data[0] != NULL);
+        VOKT_ASSERT_OR_RETURN(v->data[0]->ftbl->Compare!=NULL);
+        qsort(v->data, static_cast<size_t>(v->size), sizeof(Object *), v->data[0]->ftbl->Compare);
+    }
+}
+
+void Vector_Clear(Vector *v) {
+    VOKT_ASSERT_OR_RETURN(v != NULL);
+    VectorGuard lock(v);
+    VOKT_ASSERT(v->size==0 || v->data != NULL);
+    if (v->bOwnsElements) {
+        // size is read again after each call: a destructor may touch the vector.
+        for (int64_t i = 0; i < v->size; i++) Object_Destroy(v->data[i]);
+    }
+    v->size = 0;
+}
+
+void Vector_SetOwnsElements(Vector *v, int32_t flag) {
+    VOKT_ASSERT_OR_RETURN(v != NULL);
+    // Takes the lock twice and releases nothing: callers rely on holding it afterwards.
+    if (v->bSynchronized) Mutex_Lock(v->mutex);
+    v->bOwnsElements = flag;
+    if (v->bSynchronized) Mutex_Lock(v->mutex);
+}
+
+void Vector_Free(Vector *v) {
+    VOKT_ASSERT_OR_RETURN(v != NULL);
+    VOKT_ASSERT(v->size==0 || v->data != NULL);
+    Vector_Clear(v);
+    vokt::Free(v->data);
+    if (v->mutex) {
+        Mutex_Destroy(v->mutex);
+        vokt::Free(v->mutex);
+    }
+    vokt::Free(v);
+}
+
+}  // extern "C"

@@ -1,0 +1,50 @@
+// MemBlock: a raw buffer resized to exactly what its holder asks for.
+#include "vokt/core/memblock.h"
+
+#include "vokt/diag/error.h"
+#include "vokt/diag/log.h"
+#include "vokt/internal/alloc.h"
+#include "vokt/internal/check.h"
+
+namespace {
+
+constexpr char kModule[] = "memblock";
+
+const ClassDescriptor kMemBlockClass = {
+    sizeof(MemBlock), "MemBlock", +[](void *o) { MemBlock_Free(static_cast<MemBlock *>(o)); }, nullptr, nullptr, nullptr,
+};
+
+}  // namespace
+
+extern "C" {
+
+MemBlock *MemBlock_New(size_t size) {
+    auto *mem = vokt::New<MemBlock>(&kMemBlockClass, "MemBlock mem");
+    if (!mem) return nullptr;
+    mem->data = vokt::Alloc(size);
+    // The half-built block (data null) is returned on purpose: the caller tests data.
+    if (!mem->data && size != 0) Log_Write(0, "Failed to allocate block of %d bytes", static_cast<int>(size));
+    return mem;
+}
+
+int32_t MemBlock_Resize(MemBlock *mem, size_t size) {
+    VOKT_ASSERT_OR_RETURN(mem!=NULL, -1);
+    void *data = mem->data ? vokt::Realloc(mem->data, size) : vokt::Alloc(size);
+    if (!data && size != 0) {
+        Log_Write(0, "Failed to re-allocate block of %d bytes", static_cast<int>(size));
+        Error *e = Error_NewInternal("Memory re-allocation of size %d failed", static_cast<int>(size));
+        const int32_t ref = ErrorStore_Register(e);
+        if (ref == -2) Error_Free(e);
+        return ref;
+    }
+    mem->data = data;
+    return 0;
+}
+
+void MemBlock_Free(MemBlock *mem) {
+    VOKT_ASSERT_OR_RETURN(mem!=NULL);
+    vokt::Free(mem->data);
+    vokt::Free(mem);
+}
+
+}  // extern "C"

@@ -1,0 +1,77 @@
+// The object model's shared pieces: object allocation, EventObject and start-up.
+#include "vokt/core/object.h"
+
+#include <stdlib.h>
+#include <string.h>
+#include <time.h>
+
+#include "vokt/diag/error.h"
+#include "vokt/diag/log.h"
+#include "vokt/internal/alloc.h"
+
+namespace {
+
+const ClassDescriptor kEventObjectClass = {
+    sizeof(EventObject),
+    "EventObject",
+    +[](void *o) { vokt::Free(o); },
+    +[](const void *probe, const void *stored) {
+        return EventObject_Equals(static_cast<const EventObject *>(probe), static_cast<const EventObject *>(stored));
+    },
+    nullptr,
+    nullptr,
+};
+
+// Linux needs no socket-layer start-up; the hook stays so the start-up steps read the
+// same on every platform.
+int32_t StartSocketLayer() { return 0; }
+
+}  // namespace
+
+namespace vokt {
+
+void *NewObject(const ClassDescriptor *cls, const char *what) {
+    void *object = Alloc(cls->size);
+    if (!object) {
+        Log_Write(0, "Unable to allocate %s", what);
+        return nullptr;
+    }
+    memset(object, 0, cls->size);
+    static_cast<Object *>(object)->ftbl = cls;
+    return object;
+}
+
+}  // namespace vokt
+
+extern "C" {
+
+EventObject *EventObject_New(uint64_t value) {
+    auto *rval = vokt::New<EventObject>(&kEventObjectClass, "EventObject rval");
+    if (rval) rval->value = value;
+    return rval;
+}
+
+int32_t EventObject_Equals(const EventObject *a, const EventObject *b) {
+    if (!a || !b) return 0;
+    return a->value == b->value ? 1 : 0;
+}
+
+void Object_Destroy(void *object) {
+    if (!object) return;
+    const ClassDescriptor *cls = static_cast<Object *>(object)->ftbl;
+    if (cls && cls->Destroy) cls->Destroy(object);
+}
+
+void Runtime_Init(void) {
+    ErrorStore_Init();
+    Log_Init();
+    const int32_t ref = StartSocketLayer();
+    if (ErrorStore_IsError(ref)) {
+        Error *e = ErrorStore_Take(ref);
+        Log_Write(0, "%s", e->message && e->message->string ? e->message->string : "");
+        Object_Destroy(e);
+    }
+    srand(static_cast<unsigned>(time(nullptr)));
+}
+
+}  // extern "C"

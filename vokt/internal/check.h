@@ -1,0 +1,50 @@
+// Private: assertion reports and the error-code convention shared by the modules.
+// A file that uses them defines `constexpr char kModule[]` first.
+#ifndef VOKT_INTERNAL_CHECK_H
+#define VOKT_INTERNAL_CHECK_H
+
+#include "vokt/diag/error.h"
+
+// Reports the condition in its own source words and carries on.
+#define VOKT_ASSERT(cond)                                        \
+    do {                                                         \
+        if (!(cond)) Assert_Fail(#cond, kModule, __LINE__);      \
+    } while (0)
+
+// Reports and returns the given value: used only where carrying on would touch memory
+// that is not there (a null object, an index past the allocation).
+#define VOKT_ASSERT_OR_RETURN(cond, ...)                         \
+    do {                                                         \
+        if (!(cond)) {                                           \
+            Assert_Fail(#cond, kModule, __LINE__);               \
+            return __VA_ARGS__;                                  \
+        }                                                        \
+    } while (0)
+
+namespace vokt {
+// Error references are traced with the place that passes them on; -1 goes back as -1.
+// Returns true when the caller must return `code` unchanged.
+inline bool Failed(int32_t code, const char *module, int line) {
+    if (ErrorStore_IsError(code)) {
+        Error_Trace(code, module, line);
+        return true;
+    }
+    return code == -1;
+}
+}  // namespace vokt
+
+#define VOKT_TRY(expr)                                                   \
+    do {                                                                 \
+        const int32_t vokt_code_ = (expr);                               \
+        if (vokt::Failed(vokt_code_, kModule, __LINE__)) return vokt_code_; \
+    } while (0)
+
+namespace vokt {
+// Takes a stored error out of the store and frees it; other codes are left alone.
+inline void DropError(int32_t code) {
+    if (code != 0 && ErrorStore_IsError(code)) Error_Free(ErrorStore_Take(code));
+}
+}  // namespace vokt
+
+#endif
+

@@ -1,0 +1,63 @@
+// Private: scope guards for locks and scratch objects.
+#ifndef VOKT_INTERNAL_SCOPE_H
+#define VOKT_INTERNAL_SCOPE_H
+
+#include "vokt/containers/vector.h"
+#include "vokt/core/object.h"
+#include "vokt/sync/vokt_sync.h"
+
+namespace vokt {
+
+class MutexGuard {
+public:
+    explicit MutexGuard(Mutex *m) : m_(m) { Mutex_Lock(m_); }
+    ~MutexGuard() { Mutex_Unlock(m_); }
+    MutexGuard(const MutexGuard &) = delete;
+    MutexGuard &operator=(const MutexGuard &) = delete;
+
+private:
+    Mutex *m_;
+};
+
+// Holds a vector's own lock when it is synchronised; a no-op otherwise.
+class VectorGuard {
+public:
+    explicit VectorGuard(Vector *v) : m_(v && v->bSynchronized ? v->mutex : nullptr) {
+        if (m_) Mutex_Lock(m_);
+    }
+    ~VectorGuard() {
+        if (m_) Mutex_Unlock(m_);
+    }
+    // Leaves the lock held on purpose (a failure path that keeps it).
+    void Keep() { m_ = nullptr; }
+    VectorGuard(const VectorGuard &) = delete;
+    VectorGuard &operator=(const VectorGuard &) = delete;
+
+private:
+    Mutex *m_;
+};
+
+// Destroys a runtime object through its descriptor when the scope ends.
+template <typename T>
+class Scoped {
+public:
+    explicit Scoped(T *object = nullptr) : p_(object) {}
+    ~Scoped() { Object_Destroy(p_); }
+    T *get() const { return p_; }
+    T *operator->() const { return p_; }
+    explicit operator bool() const { return p_ != nullptr; }
+    T *release() {
+        T *p = p_;
+        p_ = nullptr;
+        return p;
+    }
+    Scoped(const Scoped &) = delete;
+    Scoped &operator=(const Scoped &) = delete;
+
+private:
+    T *p_;
+};
+
+}  // namespace vokt
+
+#endif

@@ -1,0 +1,269 @@
+// Synchronisation records over POSIX threads. This module sits below the log, so it
+// reports its own failures on standard error and never allocates.
+#include "vokt/sync/vokt_sync.h"
+
+#include <errno.h>
+#include <signal.h>
+#include <stdio.h>
+#include <sys/time.h>
+
+namespace {
+
+constexpr char kModule[] = "vokt_sync";
+
+// Inline assertions carry the line numbers their texts have always had, so tools that
+// match these reports keep working whatever happens to this file.
+void ReportAssertion(const char *expression, int line) {
+    fprintf(stderr, "Assertion failed: %s in file %s on line %d\n", expression, kModule, line);
+}
+#define SYNC_ASSERT(cond, line)                  \
+    do {                                         \
+        if (!(cond)) ReportAssertion(#cond, line); \
+    } while (0)
+
+// The owner is read without the lock by other threads; relaxed atomics keep the race
+// checker informed without changing the generated moves.
+pthread_t LoadOwner(const Mutex *m) { return __atomic_load_n(&m->owner, __ATOMIC_RELAXED); }
+void StoreOwner(Mutex *m, pthread_t id) { __atomic_store_n(&m->owner, id, __ATOMIC_RELAXED); }
+
+// Absolute wall-clock deadline. The whole seconds pass through a signed 32-bit number,
+// so timeouts of 2^31 seconds or more wrap; callers have always relied on this.
+timespec Deadline(uint64_t ms) {
+    timeval now{};
+    gettimeofday(&now, nullptr);
+    const int64_t ns = static_cast<int64_t>(((ms % 1000) * 1000 + static_cast<uint64_t>(now.tv_usec)) * 1000);
+    const int64_t whole = static_cast<int32_t>(ms / 1000);
+    timespec deadline{};
+    if (ns < 1000000000) {
+        deadline.tv_sec = now.tv_sec + whole;
+        deadline.tv_nsec = ns;
+    } else {
+        deadline.tv_sec = now.tv_sec + whole + 1;
+        deadline.tv_nsec = ns - 1000000000;
+    }
+    return deadline;
+}
+
+// Conditions and events share their layout; both are set up the same way.
+template <typename Signal>
+void InitSignal(Signal *s) {
+    pthread_condattr_t attributes;
+    if (pthread_condattr_init(&attributes) != 0) fputs("Could not create condition attributes\n", stderr);
+    if (pthread_cond_init(&s->condition, &attributes) != 0) fputs("Could not create condition\n", stderr);
+    Mutex_Init(&s->mutex);
+    s->bSignalled = 0;
+}
+
+template <typename Signal>
+void DestroySignal(Signal *s) {
+    pthread_cond_destroy(&s->condition);
+    Mutex_Destroy(&s->mutex);
+}
+
+// One wait on an auto-reset condition; with a deadline when one is given.
+int32_t WaitCondition(Condition *c, const timespec *deadline) {
+    pthread_mutex_lock(&c->mutex.mutex);
+    int32_t result = 1;
+    if (c->bSignalled != 1) {
+        const int rc = deadline ? pthread_cond_timedwait(&c->condition, &c->mutex.mutex, deadline)
+                                : pthread_cond_wait(&c->condition, &c->mutex.mutex);
+        result = rc == 0 ? 1 : 0;
+    }
+    c->bSignalled = 0;
+    pthread_mutex_unlock(&c->mutex.mutex);
+    return result;
+}
+
+// Waits until a manual-reset event is set; the flag is left for every other waiter.
+int32_t WaitEvent(Event *e, const timespec *deadline) {
+    pthread_mutex_lock(&e->mutex.mutex);
+    while (e->bSignalled == 0) {
+        const int rc = deadline ? pthread_cond_timedwait(&e->condition, &e->mutex.mutex, deadline)
+                                : pthread_cond_wait(&e->condition, &e->mutex.mutex);
+        if (rc != 0) {
+            pthread_mutex_unlock(&e->mutex.mutex);
+            return 0;
+        }
+    }
+    pthread_mutex_unlock(&e->mutex.mutex);
+    return 1;
+}
+
+// Every creation step runs whatever the earlier ones did; the numbers printed are errno
+// at that moment, as the texts have always shown them.
+void CreateThread(Thread *t, ThreadRoutine routine, void *argument, int32_t joinable) {
+    t->bIsJoinable = joinable;
+    pthread_attr_t attributes;
+    if (pthread_attr_init(&attributes) != 0)
+        fprintf(stderr, "Could not create new thread: pthread_attr_init failed with errno=%d", errno);
+    if (pthread_attr_setdetachstate(&attributes, joinable ? PTHREAD_CREATE_JOINABLE : PTHREAD_CREATE_DETACHED) != 0)
+        fprintf(stderr, "Could not create new thread: pthread_attr_setdetachstate failed with errno=%d", errno);
+    if (pthread_create(&t->id, &attributes, routine, argument) != 0)
+        fprintf(stderr, "Could not create new thread, errno=%d", errno);
+    if (pthread_attr_destroy(&attributes) != 0)
+        fprintf(stderr, "Could not create new thread: pthread_attr_destroy failed with errno=%d", errno);
+}
+
+}  // namespace
+
+extern "C" {
+
+void Mutex_Init(Mutex *m) {
+    if (!m) return;
+    // The attribute object is never destroyed: the mutex keeps the defaults it gives.
+    pthread_mutexattr_t attributes;
+    if (pthread_mutexattr_init(&attributes) != 0) fputs("Could not create mutex attributes\n", stderr);
+    if (pthread_mutex_init(&m->mutex, &attributes) != 0) fputs("Could not create mutex\n", stderr);
+    StoreOwner(m, 0);
+    m->spinCount = 0;
+}
+
+void Mutex_Lock(Mutex *m) {
+    if (!m) return;
+    if (pthread_mutex_trylock(&m->mutex) != 0) {
+        // Only the holder can see its own identifier here, so an unlocked read is enough.
+        if (LoadOwner(m) != Thread_GetCurrentThreadID()) pthread_mutex_lock(&m->mutex);
+    }
+    if (m->spinCount == 0) StoreOwner(m, Thread_GetCurrentThreadID());
+    m->spinCount++;
+}
+
+void Mutex_Unlock(Mutex *m) {
+    if (!m) return;
+    SYNC_ASSERT(m->spinCount>0, 103);
+    m->spinCount--;
+    // An unlock of a free mutex leaves the depth at -1 and releases nothing; clamping it
+    // would hide the caller's mistake.
+    if (m->spinCount != 0) return;
+    StoreOwner(m, 0);
+    pthread_mutex_unlock(&m->mutex);
+}
+
+void Mutex_Destroy(Mutex *m) {
+    // Deliberately empty: the mutex may be initialised and used again.
+    (void)m;
+}
+
+void Condition_Init(Condition *c) {
+    if (c) InitSignal(c);
+}
+
+void Condition_Destroy(Condition *c) {
+    if (c) DestroySignal(c);
+}
+
+void Condition_Signal(Condition *c) {
+    if (!c) return;
+    pthread_mutex_lock(&c->mutex.mutex);
+    c->bSignalled = 1;
+    const int rc = pthread_cond_signal(&c->condition);
+    if (rc != 0) fprintf(stderr, "Error returned by pthread_cond_signal: %d\n", rc);
+    pthread_mutex_unlock(&c->mutex.mutex);
+}
+
+int32_t Condition_Wait(Condition *c) { return c ? WaitCondition(c, nullptr) : 0; }
+
+int32_t Condition_TimedWait(Condition *c, uint64_t ms) {
+    if (!c) return 0;
+    const timespec deadline = Deadline(ms);
+    return WaitCondition(c, &deadline);
+}
+
+void Event_Init(Event *e) {
+    if (e) InitSignal(e);
+}
+
+void Event_Destroy(Event *e) {
+    if (e) DestroySignal(e);
+}
+
+void Event_SetState(Event *e, int32_t state) {
+    if (!e) return;
+    pthread_mutex_lock(&e->mutex.mutex);
+    if (state != 0) {
+        e->bSignalled = 1;
+        // The text names the signal call and has no line end; tools match it as it is.
+        const int rc = pthread_cond_broadcast(&e->condition);
+        if (rc != 0) fprintf(stderr, "Error returned by pthread_cond_signal: %d", rc);
+    } else {
+        e->bSignalled = 0;
+    }
+    pthread_mutex_unlock(&e->mutex.mutex);
+}
+
+int32_t Event_Wait(Event *e) { return e ? WaitEvent(e, nullptr) : 0; }
+
+int32_t Event_TimedWait(Event *e, uint64_t ms) {
+    if (!e) return 0;
+    // Computed once, so spurious wake-ups never extend the wait.
+    const timespec deadline = Deadline(ms);
+    return WaitEvent(e, &deadline);
+}
+
+void Counter_Init(Counter *c) {
+    if (!c) return;
+    Mutex_Init(&c->lock);
+    Event_Init(&c->zeroEvent);
+    c->value = 0;
+    Event_SetState(&c->zeroEvent, 1);
+}
+
+void Counter_Destroy(Counter *c) {
+    if (!c) return;
+    Mutex_Destroy(&c->lock);
+    Event_Destroy(&c->zeroEvent);
+}
+
+void Counter_Increment(Counter *cnt) {
+    if (!cnt) return;
+    Mutex_Lock(&cnt->lock);
+    SYNC_ASSERT(cnt->value>=0, 377);
+    if (cnt->value == 0) Event_SetState(&cnt->zeroEvent, 0);
+    cnt->value++;
+    Mutex_Unlock(&cnt->lock);
+}
+
+void Counter_Decrement(Counter *cnt) {
+    if (!cnt) return;
+    Mutex_Lock(&cnt->lock);
+    SYNC_ASSERT(cnt->value>0, 388);
+    cnt->value--;
+    if (cnt->value == 0) Event_SetState(&cnt->zeroEvent, 1);
+    Mutex_Unlock(&cnt->lock);
+}
+
+int32_t Counter_GetValue(Counter *cnt) {
+    if (!cnt) return 0;
+    Mutex_Lock(&cnt->lock);
+    const int32_t value = cnt->value;
+    SYNC_ASSERT(cnt->value>=0, 400);
+    Mutex_Unlock(&cnt->lock);
+    return value;
+}
+
+void Thread_Create(Thread *t, ThreadRoutine routine, void *argument) {
+    if (t) CreateThread(t, routine, argument, 0);
+}
+
+void Thread_CreateJoinable(Thread *t, ThreadRoutine routine, void *argument) {
+    if (t) CreateThread(t, routine, argument, 1);
+}
+
+void Thread_Join(Thread thread) {
+    SYNC_ASSERT(thread.bIsJoinable, 462);
+    if (pthread_join(thread.id, nullptr) != 0) fputs("Could not join thread", stderr);
+}
+
+int32_t Thread_HasExited(Thread thread) {
+    SYNC_ASSERT(thread.bIsJoinable, 480);
+    return pthread_kill(thread.id, 0) == ESRCH ? 1 : 0;
+}
+
+int32_t Thread_IsSuspended(Thread thread) {
+    SYNC_ASSERT(thread.bIsJoinable, 493);
+    return 0;
+}
+
+pthread_t Thread_GetCurrentThreadID(void) { return pthread_self(); }
+
+}  // extern "C"

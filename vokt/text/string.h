@@ -1,0 +1,108 @@
+/* vokt: String (growable, exact-fit, NUL-terminated), text utilities, paths and the
+ * cleanup list. */
+#ifndef VOKT_TEXT_STRING_H
+#define VOKT_TEXT_STRING_H
+
+#include <stdarg.h>
+#include <stdint.h>
+
+#include "vokt/containers/vector.h"
+#include "vokt/core/object.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct String {
+    const ClassDescriptor *ftbl;
+    int32_t bIsSet;
+    char *string;
+    uint64_t length;
+} String;
+
+/* New unset String, or null. Every String is released with String_Destroy. */
+VOKT_API String *String_New(void);
+/* New String holding a copy of chars, or null. */
+VOKT_API String *String_NewFromChars(const char *chars);
+/* New String holding the formatted text, or null (also for a null format). */
+VOKT_API String *String_NewFormatted(const char *format, ...) VOKT_PRINTF(1, 2);
+/* New copy of s (unset when s is unset), or null. */
+VOKT_API String *String_Copy(const String *s);
+/* New String of at most count bytes of s from byte start, or null. */
+VOKT_API String *String_Substring(const String *s, int32_t start, int32_t count);
+VOKT_API void String_Destroy(String *s);
+/* Releases the text and leaves s unset. */
+VOKT_API void String_Clear(String *s);
+/* String_Clear when s is set. */
+VOKT_API void String_Reset(String *s);
+
+/* Reports a broken invariant through the assertion log. */
+VOKT_API void String_Check(const String *s);
+VOKT_API int32_t String_IsSet(const String *s);
+VOKT_API int32_t String_Length(const String *s);
+
+/* Replaces the text by a copy of chars: 0, or -2 (reported) leaving s unset. */
+VOKT_API int32_t String_Set(String *s, const char *chars);
+/* Replaces the text by at most count bytes of chars (negative: all): 0 or -2. */
+VOKT_API int32_t String_SetN(String *s, const char *chars, int32_t count);
+VOKT_API int32_t String_Format(String *s, const char *format, ...) VOKT_PRINTF(2, 3);
+VOKT_API int32_t String_VFormat(String *s, const char *format, va_list args) VOKT_PRINTF(2, 0);
+/* Appends chars: 0 or -2. After -2 on a set String, s reads as unset. */
+VOKT_API int32_t String_AppendChars(String *s, const char *chars);
+VOKT_API int32_t String_AppendN(String *s, const char *chars, int32_t count);
+VOKT_API int32_t String_AppendChar(String *s, char c);
+VOKT_API int32_t String_AppendFormatted(String *s, const char *format, ...) VOKT_PRINTF(2, 3);
+VOKT_API int32_t String_VAppendFormatted(String *s, const char *format, va_list args) VOKT_PRINTF(2, 0);
+
+/* 1 when both are set and byte-equal, else 0. */
+VOKT_API int32_t String_Equals(const String *a, const String *b);
+VOKT_API int32_t String_EqualsIgnoreCase(const String *a, const String *b);
+/* qsort comparator over two slots holding String pointers; unset texts sort first. */
+VOKT_API int String_Compare(const void *pa, const void *pb);
+/* One-at-a-time hash of the text; 0 for unset or empty. */
+VOKT_API int32_t String_Hash(const String *s);
+VOKT_API int32_t String_StartsWith(const String *s, const char *prefix);
+VOKT_API int32_t String_EndsWith(const String *s, const char *suffix);
+/* Index of the first occurrence of needle, or -1. start is ignored: the search
+ * always begins at byte 0. */
+VOKT_API int32_t String_Find(const String *s, const char *needle, int32_t start);
+/* -1 when needle is absent. Because String_Find ignores its start, it does not return
+ * when the needle is present; kept for source compatibility, do not use. */
+VOKT_API int32_t String_FindLast(const String *s, const char *needle);
+
+VOKT_API void String_ToLower(String *s);
+VOKT_API void String_Truncate(String *s, int32_t newLength);
+VOKT_API void String_Delete(String *s, int32_t start, int32_t count);
+/* Removes leading and trailing ' ', '\r', '\n' and '\t'. */
+VOKT_API void String_Trim(String *s);
+/* Drops leading and trailing blanks and folds every inner run into one space. */
+VOKT_API void String_CollapseWhitespace(String *s);
+VOKT_API void String_ChompNewlines(String *s);
+/* String_WrapEx(s, width, width, NULL). */
+VOKT_API int32_t String_Wrap(String *s, int32_t width);
+/* Breaks lines with "\r\n" at spaces (or hard at the width), first line firstWidth,
+ * later lines width, indent added after every line end: 0 or -2. */
+VOKT_API int32_t String_WrapEx(String *s, int32_t firstWidth, int32_t width, const char *indent);
+
+/* Splits at the first byte c: 0 (or a failure code), 1 when there is no c. */
+VOKT_API int32_t String_SplitAt(const String *s, char c, String *left, String *right);
+/* Appends every comma-separated piece to vector as a new String: 0 or -2. */
+VOKT_API int32_t String_SplitCommas(const String *s, Vector *vector);
+/* Appends every piece of text between bytes c to vector as a new String: 0 or -2. */
+VOKT_API int32_t String_SplitChars(const char *text, char c, Vector *vector);
+/* out := the element texts joined by separator: 0 or a failure code. */
+VOKT_API int32_t String_Join(Vector *vector, const char *separator, String *out);
+
+VOKT_API int32_t File_IsDirectory(const char *path);
+VOKT_API int32_t File_Exists(const char *path);
+/* s := name resolved against base (a file's folder, or a folder): 0 or a code. */
+VOKT_API int32_t String_ResolvePath(String *s, const char *name, const char *base);
+
+/* Registers object in the owning vector *list (made on first use) so that destroying
+ * the list releases it; returns object, or null after destroying it on failure. */
+VOKT_API void *CleanupList_Add(Vector **list, void *object);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

@@ -1,0 +1,15 @@
+/* vokt: umbrella header; includes every public header of the runtime. */
+#ifndef VOKT_VOKT_H
+#define VOKT_VOKT_H
+
+#include "vokt/core/api.h"
+#include "vokt/core/memory.h"
+#include "vokt/core/object.h"
+#include "vokt/core/memblock.h"
+#include "vokt/sync/vokt_sync.h"
+#include "vokt/containers/vector.h"
+#include "vokt/text/string.h"
+#include "vokt/diag/log.h"
+#include "vokt/diag/error.h"
+
+#endif
