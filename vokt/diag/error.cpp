@@ -233,42 +233,40 @@ void Error_Free(Error *e) {
 
 int32_t ErrorStore_Register(Error *e) {
     if (!e || e->bStatic) return -2;
-    bool haveStore;
-    {
-        vokt::MutexGuard lock(&g_storeMutex);
-        haveStore = global_error_store != nullptr;
-    }
-    // Made outside the lock: a failure here is logged, and the log must never be
-    // entered while the store's lock is held.
-    Vector *spare = haveStore ? nullptr : Vector_NewOwning();
-    if (!haveStore && !spare) return -2;
     bool noHole = false;
     int32_t ref = -2;
-    {
-        vokt::MutexGuard lock(&g_storeMutex);
-        if (!global_error_store) {
-            global_error_store = spare;
-            spare = nullptr;
-            g_errorCount = 0;
-        }
-        Vector *store = global_error_store;
-        if (static_cast<uint64_t>(store->size) > g_errorCount) {
-            int64_t i = 0;
-            while (i < store->size && store->data[i]) i++;
-            if (i < store->size) {
-                store->data[i] = reinterpret_cast<Object *>(e);
-                g_errorCount++;
-                ref = static_cast<int32_t>(i + 1) + ERROR_COMPLEX_BIT;
-            } else {
-                noHole = true;
+    Vector *spare = nullptr;
+    for (;;) {
+        {
+            vokt::MutexGuard lock(&g_storeMutex);
+            if (!global_error_store && spare) {
+                global_error_store = spare;
+                spare = nullptr;
+                g_errorCount = 0;
+            }
+            if (Vector *store = global_error_store) {
+                if (static_cast<uint64_t>(store->size) > g_errorCount) {
+                    int64_t i = 0;
+                    while (i < store->size && store->data[i]) i++;
+                    if (i < store->size) {
+                        store->data[i] = reinterpret_cast<Object *>(e);
+                        g_errorCount++;
+                        ref = static_cast<int32_t>(i + 1) + ERROR_COMPLEX_BIT;
+                    } else {
+                        noHole = true;
+                    }
+                }
+                if (ref == -2 && !noHole && Vector_Add(store, e)) {
+                    g_errorCount++;
+                    ref = static_cast<int32_t>(store->size) + ERROR_COMPLEX_BIT;
+                }
+                break;
             }
         }
-        if (ref == -2 && !noHole) {
-            if (Vector_Add(store, e)) {
-                g_errorCount++;
-                ref = static_cast<int32_t>(store->size) + ERROR_COMPLEX_BIT;
-            }
-        }
+        // The store is made outside the lock: a failure here is logged, and the log must
+        // never be entered while the store's lock is held.
+        spare = Vector_NewOwning();
+        if (!spare) return -2;
     }
     if (spare) Vector_Free(spare);
     if (noHole) Assert_Fail("i != -1", kModule, __LINE__);

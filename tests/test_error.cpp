@@ -1,0 +1,212 @@
+#include <gtest/gtest.h>
+
+#include <string.h>
+
+#include "support.h"
+#include "vokt/vokt.h"
+
+namespace {
+
+int32_t Register(const char *text) { return ErrorStore_Register(Error_NewInternal("%s", text)); }
+
+void Drop(int32_t ref) { Error_Free(ErrorStore_Take(ref)); }
+
+TEST(Error, StoreHandsOutReferencesAndReusesHoles) {
+    EXPECT_EQ(0, test::InChild([] {
+        Runtime_Init();
+        const int32_t a = Register("a"), b = Register("b"), c = Register("c");
+        EXPECT_EQ(a, 0x40000001);
+        EXPECT_EQ(b, 0x40000002);
+        EXPECT_EQ(c, 0x40000003);
+        Error *taken = ErrorStore_Take(b);
+        EXPECT_STREQ(taken->message->string, "b");
+        Error_Free(taken);
+        EXPECT_EQ(ErrorStore_IsError(b), 0);
+        EXPECT_EQ(Register("d"), 0x40000002);  // the hole is filled
+        EXPECT_STREQ(ErrorStore_Get(b)->message->string, "d");
+        Drop(c);  // the last slot goes
+        EXPECT_EQ(Register("e"), 0x40000003);
+        Drop(a);
+        Drop(b);
+        Drop(c);  // store empty: released
+        EXPECT_EQ(Register("f"), 0x40000001);
+        Drop(0x40000001);
+
+        EXPECT_EQ(ErrorStore_IsError(0), 0);
+        EXPECT_EQ(ErrorStore_IsError(-1), 0);
+        EXPECT_EQ(ErrorStore_IsError(-2), 1);
+        EXPECT_EQ(ErrorStore_Register(nullptr), -2);
+        Error *oom = ErrorStore_Take(-2);
+        EXPECT_EQ(oom, ErrorStore_Get(-2));
+        EXPECT_STREQ(oom->message->string, "VOKT Out of memory");
+        EXPECT_EQ(oom->message->length, 18u);
+        EXPECT_EQ(oom->code, 997);
+        EXPECT_EQ(oom->priority, 101);
+        EXPECT_EQ(oom->bStatic, 1);
+        EXPECT_EQ(ErrorStore_Register(oom), -2);
+        Error_Free(oom);  // never freed
+        EXPECT_STREQ(oom->message->string, "VOKT Out of memory");
+        EXPECT_FALSE(File_Exists("vokt.log"));  // nothing above was worth reporting
+    }));
+}
+
+TEST(Error, InvalidReferencesAreReportedInOrder) {
+    EXPECT_EQ(0, test::InChild([] {
+        ErrorStore_Check(-2);
+        ErrorStore_Check(5);
+        const std::string log = test::ReadFile("vokt.log");
+        const char *texts[] = {"(ref & ERROR_COMPLEX_BIT) == ERROR_COMPLEX_BIT", "global_error_store != NULL",
+                               "index < Vector_Length( global_error_store )",
+                               "Vector_GetAt( global_error_store, index ) != NULL"};
+        size_t last = 0;
+        for (const char *text : texts) {
+            EXPECT_TRUE(test::HasReport(log, text, "error")) << text << "\n" << log;
+            const size_t at = log.find(text);
+            EXPECT_GT(at, last);
+            last = at;
+        }
+        Assert_Fail("x == 1", "mine", 12);
+        EXPECT_NE(test::ReadFile("vokt.log").find(": Assertion failed: x == 1 in file mine on line 12\n\n"),
+                  std::string::npos);
+    }));
+}
+
+TEST(Error, CombineKeepsTheHigherPriority) {
+    EXPECT_EQ(0, test::InChild([] {
+        EXPECT_EQ(ErrorStore_Combine(0, 7), 7);
+        EXPECT_EQ(ErrorStore_Combine(7, 0), 7);
+        const int32_t first = ErrorStore_Register(Error_NewFriendly(12, "first"));
+        const int32_t second = ErrorStore_Register(Error_NewFriendly(13, "second"));
+        EXPECT_EQ(ErrorStore_Combine(first, second), first);  // a tie keeps the first
+        EXPECT_EQ(ErrorStore_IsError(second), 0);
+        Error_SetCodePriority(14, 150);
+        Error_SetCodePriority(5000, 10);
+        const int32_t urgent = ErrorStore_Register(Error_NewFriendly(14, "urgent"));
+        EXPECT_EQ(ErrorStore_Combine(first, urgent), urgent);
+        EXPECT_EQ(ErrorStore_IsError(first), 0);
+        Error *low = Error_NewFriendly(5000, "low"), *net = Error_NewFriendly(998, "net");
+        EXPECT_EQ(low->priority, 10);
+        EXPECT_EQ(net->priority, 99);
+        int32_t table[104];
+        for (auto &p : table) p = 7;
+        Error_SetPriorityTable(table);
+        Error *tabled = Error_NewFriendly(3, "three"), *internal = Error_NewInternal("internal");
+        EXPECT_EQ(tabled->priority, 7);
+        EXPECT_EQ(internal->priority, 100);
+        EXPECT_EQ(internal->code, 999);
+        EXPECT_EQ(internal->bFriendly, 0);
+        for (Error *e : {low, net, tabled, internal}) Error_Free(e);
+        Drop(urgent);
+    }));
+}
+
+TEST(Error, NetworkErrorsCarryTheirTexts) {
+    EXPECT_EQ(0, test::InChild([] {
+        EXPECT_EQ(Error_NewNetwork(0, "connect"), nullptr);
+        Error *refused = Error_NewNetwork(111, "connect");
+        EXPECT_STREQ(refused->message->string,
+                     "Encountered network error: Connection refused.  (Technical information: error ECONNREFUSED "
+                     "(111) while executing connect)");
+        EXPECT_STREQ(refused->detail->string, "Connection refused");
+        EXPECT_EQ(refused->code, 998);
+        EXPECT_EQ(refused->bFriendly, 1);
+        EXPECT_EQ(refused->systemError, 111);
+        Error *badf = Error_NewNetwork(9, "read");
+        EXPECT_EQ(badf->bFriendly, 0);  // threshold 0 is below the level 50
+        EXPECT_STREQ(badf->message->string, "Encountered network error 9 (EBADF) when executing 'read'.");
+        EXPECT_EQ(badf->systemError, 9);
+        Log_SetLevel(50);
+        Error *friendly = Error_NewNetwork(9, "read"), *unknown = Error_NewNetwork(4242, "op");
+        EXPECT_EQ(friendly->bFriendly, 1);
+        EXPECT_EQ(friendly->code, 998);
+        EXPECT_STREQ(unknown->message->string, "Encountered network error 4242 (4242) when executing 'op'.");
+        for (Error *e : {refused, badf, friendly, unknown}) Error_Free(e);
+
+        char name[8], text[10];
+        int32_t level = 0;
+        NetError_Describe(24, name, sizeof name, text, sizeof text, &level);
+        EXPECT_STREQ(name, "EMFILE");
+        EXPECT_STREQ(text, "There may");  // cut, with its terminator in the last byte
+        EXPECT_EQ(level, 25);
+        NetError_Describe(110, name, sizeof name, nullptr, 0, nullptr);
+        EXPECT_STREQ(name, "ETIMEDO");
+    }));
+}
+
+TEST(Error, TracesAppearOnlyAtTheDebugLevel) {
+    EXPECT_EQ(0, test::InChild([] {
+        setenv("VOKT_LOGGING", "100", 1);
+        const int32_t ref = Register("traced");
+        Error_Trace(ref, "mine", 77);
+        Error_Trace(-1, "mine", 78);
+        Log_SetLevel(101);
+        Error_Trace(ref, "mine", 79);
+        Drop(Register("quiet"));
+        Drop(ref);
+        const std::string log = test::ReadFile("vokt.log");
+        EXPECT_EQ(test::Count(log, " : Created internal error traced\n"), 1) << log;
+        EXPECT_EQ(test::Count(log, " : mine:77 - Error code 999: traced\n"), 1);
+        EXPECT_EQ(test::Count(log, "mine:7"), 1);
+        EXPECT_EQ(test::Count(log, "quiet"), 0);
+    }));
+}
+
+TEST(Error, AllocationFailuresDegradeToMinusTwo) {
+    EXPECT_EQ(0, test::InChild([] {
+        testing::internal::CaptureStderr();
+        test::FailAllocation(2);  // the message String
+        EXPECT_EQ(Error_NewFriendly(5, "lost %d", 5), nullptr);
+        test::FailAllocation(0);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "Unable to generate VOKT error description 'lost %d'\n");
+        test::FailAllocation(1);
+        EXPECT_EQ(Error_NewInternal("x"), nullptr);
+        EXPECT_EQ(test::Count(test::ReadFile("vokt.log"), ": Unable to allocate Error error\n"), 1);
+
+        // Registration: the store or its growth can fail; the caller then still owns e.
+        test::SweepAllocations([](long) {
+            Error *e = Error_NewInternal("e");
+            if (!e) return;
+            const int32_t ref = ErrorStore_Register(e);
+            if (ref == -2) {
+                Error_Free(e);
+                return;
+            }
+            EXPECT_EQ(ref, 0x40000001);
+            Drop(ref);
+        });
+        int32_t refs[10];
+        for (auto &r : refs) r = Register("fill");
+        test::FailAllocation(1);
+        Error *e = Error_NewInternal("eleventh");
+        EXPECT_EQ(e, nullptr);
+        e = Error_NewInternal("eleventh");
+        test::FailAllocation(1);
+        EXPECT_EQ(ErrorStore_Register(e), -2);
+        test::FailAllocation(0);
+        Error_Free(e);
+        for (int32_t r : refs) Drop(r);
+        ErrorStore_Shutdown();
+    }));
+}
+
+void *RegisterAndTake(void *) {
+    for (int i = 0; i < 300; i++) {
+        const int32_t ref = Register("busy");
+        if (!ErrorStore_IsError(ref) || strcmp(ErrorStore_Get(ref)->message->string, "busy") != 0) abort();
+        Drop(ref);
+    }
+    return nullptr;
+}
+
+TEST(Error, StoreIsSharedSafelyBetweenThreads) {
+    EXPECT_EQ(0, test::InChild([] {
+        Thread threads[4];
+        for (auto &t : threads) Thread_CreateJoinable(&t, RegisterAndTake, nullptr);
+        for (auto &t : threads) Thread_Join(t);
+        const int32_t ref = Register("after");
+        EXPECT_EQ(ref, 0x40000001);  // everything was taken: the store started again
+        Drop(ref);
+    }));
+}
+
+}  // namespace
