@@ -98,7 +98,9 @@ TEST(String, ComparingHashingSearching) {
     Vector_Add(v, String_New());
     Vector_Sort(v);
     String *joined = String_New();
-    Vector_RemoveAt(v, 0);  // the unset one sorted first
+    String *unset = static_cast<String *>(Vector_RemoveAt(v, 0));
+    EXPECT_EQ(String_IsSet(unset), 0);  // the unset one sorted first
+    String_Destroy(unset);
     EXPECT_EQ(String_Join(v, ", ", joined), 0);
     EXPECT_EQ(Text(joined), "apple, fig, pear");
     String *probe = String_NewFromChars("fig");

@@ -32,10 +32,7 @@ int32_t MemBlock_Resize(MemBlock *mem, size_t size) {
     void *data = mem->data ? vokt::Realloc(mem->data, size) : vokt::Alloc(size);
     if (!data && size != 0) {
         Log_Write(0, "Failed to re-allocate block of %d bytes", static_cast<int>(size));
-        Error *e = Error_NewInternal("Memory re-allocation of size %d failed", static_cast<int>(size));
-        const int32_t ref = ErrorStore_Register(e);
-        if (ref == -2) Error_Free(e);
-        return ref;
+        return vokt::StoreError(Error_NewInternal("Memory re-allocation of size %d failed", static_cast<int>(size)));
     }
     mem->data = data;
     return 0;

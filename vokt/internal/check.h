@@ -44,6 +44,14 @@ namespace vokt {
 inline void DropError(int32_t code) {
     if (code != 0 && ErrorStore_IsError(code)) Error_Free(ErrorStore_Take(code));
 }
+
+// Registers a newly made Error and returns its reference; -2 (with the Error released)
+// when it could not be made or stored.
+inline int32_t StoreError(Error *e) {
+    const int32_t ref = ErrorStore_Register(e);
+    if (ref == -2) Error_Free(e);
+    return ref;
+}
 }  // namespace vokt
 
 #endif

@@ -5,6 +5,7 @@
 #include "vokt/containers/vector.h"
 #include "vokt/core/object.h"
 #include "vokt/sync/vokt_sync.h"
+#include "vokt/text/string.h"
 
 namespace vokt {
 
@@ -56,6 +57,28 @@ public:
 
 private:
     T *p_;
+};
+
+// A cleanup list that is destroyed, with every object still registered, when the scope
+// ends.
+class CleanupList {
+public:
+    CleanupList() = default;
+    ~CleanupList() { Object_Destroy(list_); }
+    // CleanupList_Add: the object, or null (after destroying it) when it cannot be kept.
+    template <typename T>
+    T *Add(T *object) {
+        return static_cast<T *>(CleanupList_Add(&list_, object));
+    }
+    // Takes an object back out: it is no longer destroyed with the list.
+    void Keep(void *object) {
+        if (list_) Vector_RemoveIdentical(list_, object);
+    }
+    CleanupList(const CleanupList &) = delete;
+    CleanupList &operator=(const CleanupList &) = delete;
+
+private:
+    Vector *list_ = nullptr;
 };
 
 }  // namespace vokt

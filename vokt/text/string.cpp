@@ -512,25 +512,20 @@ int32_t String_SplitCommas(const String *s, Vector *vector) {
 int32_t String_SplitChars(const char *text, char c, Vector *vector) {
     VOKT_ASSERT_OR_RETURN(text != NULL, -1);
     VOKT_ASSERT_OR_RETURN(vector != NULL, -1);
-    Vector *list = nullptr;
-    auto fail = [&list]() {
-        Object_Destroy(list);
-        return -2;
-    };
-    auto *work = static_cast<String *>(CleanupList_Add(&list, String_NewFromChars(text)));
-    if (!work) return fail();
+    // Everything not yet handed to the caller's vector dies with the list.
+    vokt::CleanupList list;
+    String *work = list.Add(String_NewFromChars(text));
+    if (!work) return -2;
     const auto add = vokt::VectorSlots(vector)->Add;
     int64_t start = 0;
     const int64_t length = static_cast<int64_t>(work->length);
     for (int64_t i = 0; i <= length; i++) {
         if (i < length && work->string[i] != c) continue;
-        auto *piece = static_cast<String *>(CleanupList_Add(
-            &list, String_Substring(work, static_cast<int32_t>(start), static_cast<int32_t>(i - start))));
-        if (!piece || !add(vector, piece)) return fail();
-        Vector_RemoveIdentical(list, piece);  // handed over: no longer ours to destroy
+        String *piece = list.Add(String_Substring(work, static_cast<int32_t>(start), static_cast<int32_t>(i - start)));
+        if (!piece || !add(vector, piece)) return -2;
+        list.Keep(piece);  // handed over: no longer ours to destroy
         start = i + 1;
     }
-    Object_Destroy(list);
     return 0;
 }
 

@@ -1,0 +1,209 @@
+// ObjectSet: separate chaining keyed by the objects' own Hash and Equals slots. The load
+// is measured in occupied buckets, so collisions do not bring a rehash nearer.
+#include "vokt/containers/objectset.h"
+
+#include <string.h>
+
+#include "vokt/diag/log.h"
+#include "vokt/internal/alloc.h"
+#include "vokt/internal/check.h"
+#include "vokt/internal/classes.h"
+
+namespace {
+
+constexpr char kModule[] = "objectset";
+constexpr int32_t kInitialBuckets = 8;
+constexpr double kLoadFactor = 0.75;
+
+extern const ObjectSetDescriptor kObjectSetClass;
+
+// Absolute value and remainder in signed 32-bit arithmetic: the most negative hash keeps
+// its sign and, bucket counts being powers of two times 8, lands in bucket 0.
+int32_t BucketOf(const void *object, int32_t bucketCount) {
+    const int32_t hash = static_cast<const Object *>(object)->ftbl->Hash(object);
+    const int32_t magnitude = hash < 0 ? static_cast<int32_t>(0u - static_cast<uint32_t>(hash)) : hash;
+    const int32_t bucket = magnitude % bucketCount;
+    return bucket < 0 ? -bucket : bucket;
+}
+
+bool Matches(const void *probe, const void *stored) {
+    const ClassDescriptor *cls = static_cast<const Object *>(probe)->ftbl;
+    if (cls->Equals) return cls->Equals(probe, stored) != 0;
+    return memcmp(probe, stored, cls->size) == 0;
+}
+
+// The link that points at the first entry equal to probe (or at the chain's end).
+ObjectSetEntry **FindLink(ObjectSet *set, const void *probe) {
+    ObjectSetEntry **link = &set->buckets[BucketOf(probe, set->bucketCount)];
+    while (*link && !Matches(probe, (*link)->object)) link = &(*link)->next;
+    return link;
+}
+
+void *Unlink(ObjectSet *set, ObjectSetEntry **link, int32_t bucket) {
+    ObjectSetEntry *entry = *link;
+    *link = entry->next;
+    if (!set->buckets[bucket]) set->usedBuckets--;
+    void *object = entry->object;
+    vokt::Free(entry);
+    return object;
+}
+
+void Rehash(ObjectSet *set) {
+    const int32_t oldCount = set->bucketCount;
+    const int32_t newCount = static_cast<int32_t>(static_cast<uint32_t>(oldCount) * 2u);
+    if (newCount <= oldCount) {
+        Log_Write(0, "Unable to rehash ObjectSet - too many buckets");
+        return;
+    }
+    auto **grown = static_cast<ObjectSetEntry **>(
+        vokt::Realloc(set->buckets, static_cast<size_t>(newCount) * sizeof(ObjectSetEntry *)));
+    if (!grown) {
+        Log_Write(0, "Unable to rehash ObjectSet due to low memory - performance may be compromised.");
+        return;
+    }
+    set->buckets = grown;
+    memset(grown + oldCount, 0, static_cast<size_t>(oldCount) * sizeof(ObjectSetEntry *));
+    for (int32_t i = 0; i < oldCount; i++) {
+        ObjectSetEntry **link = &grown[i];
+        while (*link) {
+            ObjectSetEntry *entry = *link;
+            const int32_t j = BucketOf(entry->object, newCount);
+            if (j == i) {
+                link = &entry->next;
+                continue;
+            }
+            // Moved entries are pushed at the head, so they reach the upper bucket in
+            // reverse order.
+            *link = entry->next;
+            if (!grown[i]) set->usedBuckets--;
+            if (!grown[j]) set->usedBuckets++;
+            entry->next = grown[j];
+            grown[j] = entry;
+        }
+    }
+    set->rehashThreshold = static_cast<int32_t>(newCount * set->loadFactor);
+    set->bucketCount = newCount;
+}
+
+const ObjectSetDescriptor kObjectSetClass = {
+    {sizeof(ObjectSet), "Set", +[](void *o) { ObjectSet_Free(static_cast<ObjectSet *>(o)); }, nullptr, nullptr,
+     nullptr},
+    ObjectSet_Add,
+    ObjectSet_Remove,
+    ObjectSet_Find,
+    ObjectSet_AddVector,
+    ObjectSet_ToVector,
+    ObjectSet_Clear,
+    ObjectSet_RemoveAny,
+};
+
+}  // namespace
+
+extern "C" {
+
+ObjectSet *ObjectSet_New(void) {
+    auto *oset = vokt::New<ObjectSet>(&kObjectSetClass.base, "ObjectSet oset");
+    if (!oset) return nullptr;
+    oset->bucketCount = kInitialBuckets;
+    oset->usedBuckets = 0;
+    oset->rehashThreshold = static_cast<int32_t>(kInitialBuckets * kLoadFactor);
+    oset->loadFactor = kLoadFactor;
+    oset->buckets = static_cast<ObjectSetEntry **>(vokt::Alloc(kInitialBuckets * sizeof(ObjectSetEntry *)));
+    if (!oset->buckets) {
+        vokt::Free(oset);  // no message for the heads, only for the record
+        return nullptr;
+    }
+    memset(oset->buckets, 0, kInitialBuckets * sizeof(ObjectSetEntry *));
+    return oset;
+}
+
+int32_t ObjectSet_Add(ObjectSet *set, void *obj, int32_t *added) {
+    VOKT_ASSERT_OR_RETURN(set != NULL, -1);
+    VOKT_ASSERT_OR_RETURN(obj != NULL, -1);
+    int32_t result = 0;
+    ObjectSetEntry **link = FindLink(set, obj);
+    if (*link) {
+        if (added) *added = 0;
+    } else {
+        auto *entry = static_cast<ObjectSetEntry *>(vokt::Alloc(sizeof(ObjectSetEntry)));
+        if (!entry) {
+            Log_Write(0, "Failed to allocate entry structure");
+            result = -2;
+        } else {
+            const int32_t bucket = BucketOf(obj, set->bucketCount);
+            const bool wasEmpty = set->buckets[bucket] == nullptr;
+            *entry = {obj, nullptr};
+            *link = entry;
+            if (added) *added = 1;
+            if (wasEmpty) set->usedBuckets++;
+        }
+    }
+    // Checked on every call, found or failed alike.
+    if (set->usedBuckets >= set->rehashThreshold) Rehash(set);
+    return result;
+}
+
+void *ObjectSet_Find(ObjectSet *set, void *probe) {
+    VOKT_ASSERT_OR_RETURN(set != NULL, nullptr);
+    if (!probe) return nullptr;
+    ObjectSetEntry *entry = *FindLink(set, probe);
+    return entry ? entry->object : nullptr;
+}
+
+void *ObjectSet_Remove(ObjectSet *set, void *probe) {
+    VOKT_ASSERT_OR_RETURN(set != NULL, nullptr);
+    if (!probe) return nullptr;
+    ObjectSetEntry **link = FindLink(set, probe);
+    return *link ? Unlink(set, link, BucketOf(probe, set->bucketCount)) : nullptr;
+}
+
+void *ObjectSet_RemoveAny(ObjectSet *set) {
+    VOKT_ASSERT_OR_RETURN(set != NULL, nullptr);
+    for (int32_t i = 0; i < set->bucketCount; i++)
+        if (set->buckets[i]) return Unlink(set, &set->buckets[i], i);
+    return nullptr;
+}
+
+int32_t ObjectSet_AddVector(ObjectSet *set, Vector *vector) {
+    VOKT_ASSERT_OR_RETURN(set != NULL && vector != NULL, -1);
+    const bool locked = vector->bSynchronized != 0;
+    const int64_t count = locked ? Vector_Length(vector) : vector->size;
+    const auto getAt = vokt::VectorSlots(vector)->GetAt;
+    for (int64_t i = 0; i < count; i++) {
+        void *element = locked ? getAt(vector, i) : vector->data[i];
+        // A failure ends the copy, and the result stays 0: callers have always read it so.
+        if (ObjectSet_Add(set, element, nullptr) != 0) break;
+    }
+    return 0;
+}
+
+int32_t ObjectSet_ToVector(ObjectSet *set, Vector *vector) {
+    VOKT_ASSERT_OR_RETURN(set != NULL && vector != NULL, -1);
+    const auto add = vokt::VectorSlots(vector)->Add;
+    for (int32_t i = 0; i < set->bucketCount; i++)
+        for (ObjectSetEntry *entry = set->buckets[i]; entry; entry = entry->next)
+            if (!add(vector, entry->object)) return -2;
+    return 0;
+}
+
+void ObjectSet_Clear(ObjectSet *set) {
+    VOKT_ASSERT_OR_RETURN(set != NULL);
+    for (int32_t i = 0; i < set->bucketCount; i++) {
+        for (ObjectSetEntry *entry = set->buckets[i]; entry;) {
+            ObjectSetEntry *next = entry->next;
+            vokt::Free(entry);
+            entry = next;
+        }
+        set->buckets[i] = nullptr;
+    }
+    set->usedBuckets = 0;
+}
+
+void ObjectSet_Free(ObjectSet *oset) {
+    VOKT_ASSERT_OR_RETURN(oset != NULL);
+    ObjectSet_Clear(oset);
+    vokt::Free(oset->buckets);
+    vokt::Free(oset);
+}
+
+}  // extern "C"

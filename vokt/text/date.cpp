@@ -1,0 +1,52 @@
+// Dates as day-month-year with three-letter month names, in local time.
+#include "vokt/text/date.h"
+
+#include <string.h>
+
+#include "vokt/internal/check.h"
+#include "vokt/internal/scope.h"
+
+namespace {
+
+constexpr char kModule[] = "date";
+constexpr const char *kMonths[12] = {"jan", "feb", "mar", "apr", "may", "jun",
+                                     "jul", "aug", "sep", "oct", "nov", "dec"};
+
+}  // namespace
+
+extern "C" {
+
+int32_t Date_Format(String *out, time_t t) {
+    vokt::CleanupList list;
+    String *month = list.Add(String_New());
+    if (!month) return -2;
+    tm local{};
+    VOKT_ASSERT_OR_RETURN(localtime_r(&t, &local) != NULL, -1);
+    VOKT_TRY(Month_ToName(local.tm_mon + 1, month));
+    return String_Format(out, "%d-%s-%d", local.tm_mday, month->string, local.tm_year + 1900);
+}
+
+int32_t Date_FormatNow(String *out) { return Date_Format(out, time(nullptr)); }
+
+int32_t Month_ToName(int32_t month, String *out) {
+    if (month >= 1 && month <= 12) return String_Set(out, kMonths[month - 1]);
+    VOKT_TRY(String_Set(out, "UNK"));
+    return vokt::StoreError(Error_NewInternal("invalid month supplied: %d", month));
+}
+
+int32_t Month_FromName(const char *name) {
+    // Exact and case-sensitive: "Jan" is not a month name here.
+    for (int32_t i = 0; name && i < 12; i++)
+        if (strcmp(name, kMonths[i]) == 0) return i + 1;
+    return vokt::StoreError(Error_NewInternal("invalid month supplied: %s", name ? name : "(null)"));
+}
+
+int32_t Date_Year(time_t t) {
+    tm local{};
+    if (!localtime_r(&t, &local)) return 0;
+    return local.tm_year + 1900;
+}
+
+int32_t Date_CurrentYear(void) { return Date_Year(time(nullptr)); }
+
+}  // extern "C"

@@ -1,0 +1,71 @@
+// Handle objects: a descriptor or a stdio file with the object shape, closed by Destroy.
+#include "vokt/text/handles.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include "vokt/internal/alloc.h"
+#include "vokt/internal/check.h"
+
+namespace {
+
+constexpr char kModule[] = "handles";
+
+const ClassDescriptor kSocketClass = {
+    sizeof(Socket), "Socket", +[](void *o) { Socket_Destroy(static_cast<Socket *>(o)); }, nullptr, nullptr, nullptr,
+};
+const ClassDescriptor kStreamHandleClass = {
+    sizeof(StreamHandle), "StreamHandle", +[](void *o) { StreamHandle_Destroy(static_cast<StreamHandle *>(o)); },
+    nullptr,              nullptr,        nullptr,
+};
+const ClassDescriptor kFileHandleClass = {
+    sizeof(FileHandle), "FileHandle", +[](void *o) { FileHandle_Destroy(static_cast<FileHandle *>(o)); },
+    nullptr,            nullptr,      nullptr,
+};
+
+// Socket and StreamHandle share their shape and their release.
+template <typename Handle>
+void CloseAndFree(Handle *s) {
+    if (s->fd >= 0) close(s->fd);
+    vokt::Free(s);
+}
+
+}  // namespace
+
+extern "C" {
+
+Socket *Socket_New(int32_t domain, int32_t type, int32_t protocol) {
+    auto *s = vokt::New<Socket>(&kSocketClass, "Socket s");
+    if (s) s->fd = socket(domain, type, protocol);
+    return s;
+}
+
+void Socket_Destroy(Socket *s) {
+    VOKT_ASSERT_OR_RETURN(s!=NULL);
+    CloseAndFree(s);
+}
+
+StreamHandle *StreamHandle_New(int32_t fd) {
+    auto *s = vokt::New<StreamHandle>(&kStreamHandleClass, "StreamHandle s");
+    if (s) s->fd = fd;
+    return s;
+}
+
+void StreamHandle_Destroy(StreamHandle *s) {
+    VOKT_ASSERT_OR_RETURN(s!=NULL);
+    CloseAndFree(s);
+}
+
+FileHandle *FileHandle_New(const char *path, const char *mode) {
+    auto *s = vokt::New<FileHandle>(&kFileHandleClass, "FileHandle s");
+    if (s) s->fp = path && mode ? fopen(path, mode) : nullptr;
+    return s;
+}
+
+void FileHandle_Destroy(FileHandle *s) {
+    VOKT_ASSERT_OR_RETURN(s!=NULL);
+    if (s->fp) fclose(s->fp);
+    vokt::Free(s);
+}
+
+}  // extern "C"

@@ -1,0 +1,45 @@
+/* vokt: Socket, StreamHandle and FileHandle: descriptors and files as objects that close
+ * what they hold when destroyed. */
+#ifndef VOKT_TEXT_HANDLES_H
+#define VOKT_TEXT_HANDLES_H
+
+#include <stdint.h>
+#include <stdio.h>
+
+#include "vokt/core/object.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+typedef struct Socket {
+    const ClassDescriptor *ftbl;
+    int32_t fd;
+} Socket;
+typedef struct StreamHandle {
+    const ClassDescriptor *ftbl;
+    int32_t fd;
+} StreamHandle;
+typedef struct FileHandle {
+    const ClassDescriptor *ftbl;
+    FILE *fp;
+} FileHandle;
+
+/* New Socket holding socket(domain, type, protocol); fd is -1 when that failed. Null
+ * only when out of memory. */
+VOKT_API Socket *Socket_New(int32_t domain, int32_t type, int32_t protocol);
+/* Closes fd (when not negative) and frees the object. */
+VOKT_API void Socket_Destroy(Socket *s);
+/* New StreamHandle owning fd, or null. */
+VOKT_API StreamHandle *StreamHandle_New(int32_t fd);
+VOKT_API void StreamHandle_Destroy(StreamHandle *s);
+/* New FileHandle holding fopen(path, mode); fp is null when the open failed. Null only
+ * when out of memory. */
+VOKT_API FileHandle *FileHandle_New(const char *path, const char *mode);
+/* Closes fp (when not null) and frees the object. */
+VOKT_API void FileHandle_Destroy(FileHandle *s);
+
+#ifdef __cplusplus
+}
+#endif
+#endif
