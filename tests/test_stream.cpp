@@ -1,0 +1,173 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <string.h>
+
+#include <thread>
+#include <vector>
+
+#include "support.h"
+#include "vokt/vokt.h"
+
+namespace {
+
+// Every line until the end of input, with "|eof" after the line that reported it.
+std::vector<std::string> ReadAll(Stream *stream, int limit = 20) {
+    std::vector<std::string> lines;
+    String *line = String_New();
+    for (int i = 0; i < limit && !Stream_IsEOF(stream); i++) {
+        EXPECT_EQ(Stream_ReadLine(stream, line), 0);
+        std::string text = line->string ? line->string : "<unset>";
+        lines.push_back(Stream_IsEOF(stream) ? text + "|eof" : text);
+    }
+    String_Destroy(line);
+    return lines;
+}
+
+std::vector<std::string> FromHandle(const std::vector<std::string> &writes) {
+    int fds[2];
+    EXPECT_EQ(pipe(fds), 0);
+    std::thread writer([&] {
+        for (const auto &w : writes) {
+            EXPECT_EQ(write(fds[1], w.data(), w.size()), static_cast<ssize_t>(w.size()));
+            usleep(2000);
+        }
+        close(fds[1]);
+    });
+    Stream *stream = Stream_NewFromHandle(fds[0]);
+    auto lines = ReadAll(stream);
+    writer.join();
+    Stream_Destroy(stream);
+    close(fds[0]);
+    return lines;
+}
+
+using Lines = std::vector<std::string>;
+
+TEST(Stream, StringReaderKeepsCarriageReturns) {
+    for (auto [text, expected] : {std::pair<const char *, Lines>{"a\nb", {"a", "b", "b|eof"}},
+                                  {"x\r\ny", {"x\r", "y", "y|eof"}},
+                                  {"\n\nz", {"", "", "z", "z|eof"}},
+                                  {"", {"<unset>|eof"}}}) {
+        Stream *stream = Stream_NewFromString(text);
+        EXPECT_EQ(ReadAll(stream), expected) << text;
+        Stream_Destroy(stream);
+    }
+    Stream *stream = Stream_NewFromString("first\nsecond\n");
+    EXPECT_STREQ(stream->ftbl->name, "Stream");
+    String *line = String_New(), *last = String_New();
+    EXPECT_EQ(Stream_GetLastLine(stream, last), 0);
+    EXPECT_EQ(String_IsSet(last), 0);
+    Stream_ReadLine(stream, line);
+    Stream_ReadLine(stream, line);
+    EXPECT_EQ(Stream_GetLastLine(stream, last), 0);
+    EXPECT_STREQ(last->string, "second");
+    String_Destroy(line);
+    String_Destroy(last);
+    Stream_Destroy(stream);
+}
+
+TEST(Stream, FileReaderDeliversAtMost1023Bytes) {
+    EXPECT_EQ(0, test::InChild([] {
+        test::WriteFile("in.txt", std::string(1500, 'x') + "\np\r\nq");
+        FILE *fp = fopen("in.txt", "r");
+        Stream *stream = Stream_NewFromFile(fp);
+        const Lines lines = ReadAll(stream);
+        ASSERT_EQ(lines.size(), 5u);
+        EXPECT_EQ(lines[0], std::string(1023, 'x'));
+        EXPECT_EQ(lines[1], std::string(477, 'x'));
+        EXPECT_EQ(lines[2], "p\r");
+        EXPECT_EQ(lines[3], "q");
+        EXPECT_EQ(lines[4], "|eof");
+        Stream_Destroy(stream);
+        EXPECT_EQ(fseek(fp, 0, SEEK_SET), 0);  // still open: the stream never closes it
+        FileHandle *handle = FileHandle_New("in.txt", "r");
+        const int fd = fileno(handle->fp);
+        FileHandle_Destroy(handle);
+        EXPECT_EQ(fcntl(fd, F_GETFD), -1);  // the handle object closes its file
+        fclose(fp);
+    }));
+}
+
+TEST(Stream, HandleReaderJoinsChunksAndStripsLineEnds) {
+    const std::string longLine(300, 'L');
+    EXPECT_EQ(FromHandle({"x\r\ny"}), (Lines{"x", "y", "<unset>|eof"}));
+    EXPECT_EQ(FromHandle({"par", "tial\r", "\nnext\n", longLine.substr(0, 100), longLine.substr(100) + "\n\n", "end"}),
+              (Lines{"partial", "next", longLine, "", "end", "<unset>|eof"}));
+    EXPECT_EQ(FromHandle({}), (Lines{"<unset>|eof"}));
+
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
+    ASSERT_EQ(write(pair[1], "one\ntwo\n", 8), 8);
+    close(pair[1]);
+    Stream *stream = Stream_NewFromHandle(pair[0]);
+    EXPECT_EQ(ReadAll(stream), (Lines{"one", "two", "<unset>|eof"}));
+    Stream_Destroy(stream);
+    EXPECT_EQ(close(pair[0]), 0);  // still ours to close
+}
+
+TEST(Stream, LogicalLinesJoinContinuations) {
+    Stream *stream = Stream_NewFromString(
+        "  key = a \\\n   b  \nplain line\nx \\ y\nlong \\\n\n   \n  tail\n\nlast \\");
+    String *out = String_New();
+    const Lines expected = {"key = a b", "plain line", "x y", "long tail", "", "last", ""};
+    for (const auto &e : expected) {
+        EXPECT_EQ(Stream_ReadLogicalLine(stream, out), 0);
+        EXPECT_STREQ(out->string, e.c_str());
+    }
+    EXPECT_EQ(Stream_IsEOF(stream), 1);
+    String_Destroy(out);
+    Stream_Destroy(stream);
+
+    // Whatever allocation fails, the result is 0 or -2 and nothing is left behind.
+    test::SweepAllocations([](long) {
+        Stream *s = Stream_NewFromString("a \\\n b \\\n c\n");
+        String *o = String_New();
+        if (s && o) {
+            const int32_t code = Stream_ReadLogicalLine(s, o);
+            EXPECT_TRUE(code == 0 || code == -2) << code;
+            EXPECT_TRUE(code != 0 || strcmp(o->string, "a b c") == 0);
+        }
+        Object_Destroy(o);
+        Object_Destroy(s);
+    });
+}
+
+TEST(Stream, ChecksAndFailures) {
+    EXPECT_EQ(0, test::InChild([] {
+        test::FailAllocation(1);
+        EXPECT_EQ(Stream_NewFromHandle(5), nullptr);
+        test::FailAllocation(2);
+        EXPECT_EQ(Stream_NewFromFile(stdin), nullptr);  // the last-line String
+        test::FailAllocation(3);
+        EXPECT_EQ(Stream_NewFromString("text"), nullptr);
+        test::FailAllocation(0);
+        Stream *zero = Stream_NewFromHandle(0);
+        Stream_IsEOF(zero);
+        Stream_Destroy(zero);
+        Stream *file = Stream_NewFromFile(nullptr);
+        Stream_Check(file);
+        Stream_Destroy(file);
+        int fds[2];
+        ASSERT_EQ(pipe(fds), 0);
+        ASSERT_EQ(write(fds[1], "abc\n", 4), 4);
+        Stream *pipeStream = Stream_NewFromHandle(fds[0]);
+        String *line = String_New();
+        test::FailAllocation(1);
+        EXPECT_EQ(Stream_ReadLine(pipeStream, line), -2);
+        test::FailAllocation(0);
+        String_Destroy(line);
+        Stream_Destroy(pipeStream);
+        close(fds[0]);
+        close(fds[1]);
+        const std::string log = test::ReadFile("vokt.log");
+        EXPECT_EQ(test::Count(log, ": Unable to allocate Stream stream\n"), 1);
+        EXPECT_EQ(test::Count(log, ": Unable to allocate String ps\n"), 2);
+        EXPECT_TRUE(test::HasReport(log, "stream->handle != 0", "stream"));
+        EXPECT_TRUE(test::HasReport(log, "stream->file != NULL", "stream"));
+    }));
+}
+
+}  // namespace
