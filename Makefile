@@ -35,7 +35,7 @@ test: all
 	@ctest --test-dir $(BUILD) --output-on-failure -j$(JOBS)
 
 run: all
-	@$(BUILD)/examples/worker
+	@$(BUILD)/examples/config_reader
 
 sanitize: deps
 	@cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DVOKT_SANITIZE=address -DVOKT_BUILD_EXAMPLES=OFF >/dev/null

@@ -172,6 +172,11 @@ TEST(Vector, FailuresOfGrowthAndCreation) {
         EXPECT_EQ(v->size, 10);
         EXPECT_EQ(v->mutex->spinCount, 1);
         Vector_Unlock(v);
+        // The next adds grow the array to the raised capacity instead of writing past it.
+        EXPECT_EQ(Vector_Add(v, &items[10]), &items[10]);
+        EXPECT_EQ(Vector_Add(v, &items[0]), &items[0]);
+        EXPECT_EQ(v->capacity, 20);
+        EXPECT_EQ(Vector_GetAt(v, 11), &items[0]);
 
         Vector *w = Vector_New();
         test::FailAllocation(1);

@@ -25,6 +25,26 @@ void *TakeSlot(Vector *v, int64_t index) {
     return taken;
 }
 
+// The element array carries one hidden word in front of data[0]: the number of slots
+// really allocated. A failed growth leaves capacity raised above that number (a contract
+// callers see), and the next Add must not write past the real end.
+using Slots = intptr_t;
+
+Slots AllocatedSlots(const Vector *v) { return reinterpret_cast<const Slots *>(v->data)[-1]; }
+
+Object **AllocateSlots(void *old, int64_t count) {
+    void *base = old ? static_cast<void *>(static_cast<Slots *>(old) - 1) : nullptr;
+    const size_t bytes = static_cast<size_t>(count + 1) * sizeof(Slots);
+    auto *block = static_cast<Slots *>(base ? vokt::Realloc(base, bytes) : vokt::Alloc(bytes));
+    if (!block) return nullptr;
+    block[0] = static_cast<Slots>(count);
+    return reinterpret_cast<Object **>(block + 1);
+}
+
+void FreeSlots(Object **data) {
+    if (data) vokt::Free(reinterpret_cast<Slots *>(data) - 1);
+}
+
 bool BytesEqual(const Object *probe, const Object *element) {
     return element && memcmp(probe, element, probe->ftbl->size) == 0;
 }
@@ -35,7 +55,7 @@ Vector *NewVector(int32_t owning) {
     vec->capacity = kInitialCapacity;
     vec->growBy = kInitialCapacity;
     vec->bOwnsElements = owning;
-    vec->data = static_cast<Object **>(vokt::Alloc(kInitialCapacity * sizeof(Object *)));
+    vec->data = AllocateSlots(nullptr, kInitialCapacity);
     if (!vec->data) {
         // No message for the array: only the record's failure is reported.
         vokt::Free(vec);
@@ -120,16 +140,16 @@ void *Vector_Add(Vector *v, void *obj) {
     VOKT_ASSERT_OR_RETURN(v != NULL, nullptr);
     VectorGuard lock(v);
     VOKT_ASSERT(v->size==0 || v->data != NULL);
-    if (v->size == v->capacity) {
-        v->capacity += v->growBy;
-        void *grown = vokt::Realloc(v->data, static_cast<size_t>(v->capacity) * sizeof(Object *));
+    if (v->size == v->capacity) v->capacity += v->growBy;
+    if (v->size >= AllocatedSlots(v)) {
+        Object **grown = AllocateSlots(v->data, v->capacity);
         if (!grown) {
             // Long-standing failure contract: capacity stays raised, the old array stays,
             // and a synchronised vector's lock stays held by the caller.
             lock.Keep();
             return nullptr;
         }
-        v->data = static_cast<Object **>(grown);
+        v->data = grown;
     }
     v->data[v->size++] = static_cast<Object *>(obj);
     return obj;
@@ -233,7 +253,7 @@ void Vector_Free(Vector *v) {
     VOKT_ASSERT_OR_RETURN(v != NULL);
     VOKT_ASSERT(v->size==0 || v->data != NULL);
     Vector_Clear(v);
-    vokt::Free(v->data);
+    FreeSlots(v->data);
     if (v->mutex) {
         Mutex_Destroy(v->mutex);
         vokt::Free(v->mutex);
