@@ -9,7 +9,7 @@ CMAKE_FLAGS ?=
 .PHONY: all deps test run sanitize tsan bench install clean
 
 all: deps
-	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CMAKE_FLAGS) >/dev/null
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVOKT_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
 	@cmake --build $(BUILD) -j$(JOBS)
 
 # Checks the tools; as root it installs what is missing from Debian's packages,
