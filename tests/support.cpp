@@ -1,5 +1,6 @@
 #include "support.h"
 
+#include <ctype.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -14,10 +15,7 @@
 namespace test {
 namespace {
 
-std::atomic<long> g_calls{0};
-std::atomic<long> g_failAt{0};
-std::atomic<long> g_alsoFailAt{0};
-std::atomic<long> g_injected{0};
+std::atomic<long> g_calls{0}, g_failAt{0}, g_alsoFailAt{0}, g_injected{0};
 
 bool ShouldFail() {
     if (g_failAt.load() <= 0) return false;
@@ -35,6 +33,8 @@ std::string MakeTempDir() {
     const char *dir = mkdtemp(pattern);
     return dir ? dir : "/tmp";
 }
+
+int RemoveDir(const std::string &dir) { return system(("rm -rf " + dir).c_str()); }
 
 }  // namespace
 
@@ -56,9 +56,7 @@ int InChild(const std::function<void()> &body) {
         const std::string dir = MakeTempDir();
         if (chdir(dir.c_str()) != 0) _exit(98);
         body();
-        const int code = ::testing::Test::HasFailure() ? 1 : 0;
-        std::string command = "rm -rf " + dir;
-        if (system(command.c_str()) != 0) _exit(97);
+        const int code = ::testing::Test::HasFailure() ? 1 : RemoveDir(dir);
         fflush(stdout);
         exit(code);  // a normal exit, so the leak checker looks at the child too
     }
@@ -78,15 +76,13 @@ int SweepAllocations(const std::function<void(long n)> &op) {
 }
 
 std::string ReadFile(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
     std::stringstream text;
-    text << in.rdbuf();
+    text << std::ifstream(path, std::ios::binary).rdbuf();
     return text.str();
 }
 
 void WriteFile(const std::string &path, const std::string &text) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
 }
 
 bool HasReport(const std::string &log, const std::string &text, const std::string &module) {
@@ -118,6 +114,5 @@ int main(int argc, char **argv) {
     unsetenv("VOKT_DEBUG");
     unsetenv("VOKT_LOGGING");
     const int result = RUN_ALL_TESTS();
-    const std::string command = "rm -rf " + dir;
-    return system(command.c_str()) == 0 ? result : 1;
+    return test::RemoveDir(dir) == 0 ? result : 1;
 }

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <time.h>
 
 #include "support.h"
 #include "vokt/vokt.h"
@@ -8,32 +7,25 @@
 namespace {
 
 std::string TakeMessage(int32_t ref) {
-    EXPECT_TRUE(ErrorStore_IsError(ref));
-    Error *e = ErrorStore_Take(ref);
-    std::string text = e && e->message ? e->message->string : "";
+    Error *e = ErrorStore_IsError(ref) ? ErrorStore_Take(ref) : nullptr;
+    std::string text = e ? e->message->string : "<no error>";
     Error_Free(e);
     return text;
 }
 
 TEST(Date, FormatsDayMonthYearInLocalTime) {
     EXPECT_EQ(0, test::InChild([] {
-        setenv("TZ", "UTC", 1);
-        tzset();
         String *out = String_New();
-        EXPECT_EQ(Date_Format(out, 1704456000), 0);  // 2024-01-05 12:00 UTC
-        EXPECT_STREQ(out->string, "5-jan-2024");
-        EXPECT_EQ(Date_Format(out, 1735603200), 0);  // 2024-12-31
-        EXPECT_STREQ(out->string, "31-dec-2024");
+        for (auto [tz, t, expected] : {std::tuple{"UTC", 1704456000, "5-jan-2024"}, {"UTC", 1735603200, "31-dec-2024"},
+                                       {"EST5", 1704430800, "5-jan-2024"}, {"EST5", 1704423600, "4-jan-2024"}}) {
+            setenv("TZ", tz, 1);
+            tzset();
+            EXPECT_EQ(Date_Format(out, t), 0);
+            EXPECT_STREQ(out->string, expected) << tz << " " << t;
+        }
         EXPECT_EQ(Date_Year(1704456000), 2024);
-        setenv("TZ", "EST5", 1);  // local time decides: still the 4th in New York
-        tzset();
-        EXPECT_EQ(Date_Format(out, 1704430800), 0);  // 2024-01-05 05:00 UTC
-        EXPECT_STREQ(out->string, "5-jan-2024");
-        EXPECT_EQ(Date_Format(out, 1704430800 - 7200), 0);
-        EXPECT_STREQ(out->string, "4-jan-2024");
         EXPECT_EQ(Date_FormatNow(out), 0);
         EXPECT_TRUE(String_EndsWith(out, std::to_string(Date_CurrentYear()).c_str()));
-        EXPECT_GE(Date_CurrentYear(), 2024);
         test::SweepAllocations([&](long) {
             const int32_t code = Date_Format(out, 1704456000);
             EXPECT_TRUE(code == 0 || code == -2);
@@ -55,7 +47,6 @@ TEST(Date, MonthNamesBothWays) {
         EXPECT_STREQ(out->string, "UNK");
         EXPECT_EQ(TakeMessage(Month_ToName(0, out)), "invalid month supplied: 0");
         EXPECT_EQ(TakeMessage(Month_FromName("Jan")), "invalid month supplied: Jan");
-        EXPECT_EQ(TakeMessage(Month_FromName("JAN")), "invalid month supplied: JAN");
         String_Destroy(out);
     }));
 }
