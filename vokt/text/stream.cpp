@@ -9,6 +9,7 @@
 #include "vokt/internal/alloc.h"
 #include "vokt/internal/check.h"
 #include "vokt/internal/scope.h"
+#include "vokt/internal/text.h"
 
 namespace {
 
@@ -200,7 +201,7 @@ int32_t Stream_ReadLine(Stream *stream, String *line) {
     VOKT_ASSERT_OR_RETURN(stream != NULL && stream->readLine != NULL, -1);
     const int32_t code = stream->readLine(stream, line, nullptr);
     if (code != 0) return code;
-    if (String_IsSet(line)) return String_Set(stream->lastLine, line->string);
+    if (String_IsSet(line)) return vokt::SetText(stream->lastLine, line->string, line->length);
     String_Reset(stream->lastLine);
     return 0;
 }
@@ -208,9 +209,12 @@ int32_t Stream_ReadLine(Stream *stream, String *line) {
 int32_t Stream_GetLastLine(const Stream *stream, String *out) {
     Stream_Check(stream);
     if (!stream) return -1;
-    if (String_IsSet(stream->lastLine)) return String_Set(out, stream->lastLine->string);
-    String_Reset(out);
-    return 0;
+    if (!String_IsSet(stream->lastLine)) {
+        String_Reset(out);
+        return 0;
+    }
+    String_Check(out);
+    return out ? vokt::SetText(out, stream->lastLine->string, stream->lastLine->length) : -1;
 }
 
 int32_t Stream_ReadLogicalLine(Stream *stream, String *out) {

@@ -14,6 +14,7 @@
 #include "vokt/internal/classes.h"
 #include "vokt/internal/hash.h"
 #include "vokt/internal/scope.h"
+#include "vokt/internal/text.h"
 
 namespace {
 
@@ -185,13 +186,7 @@ int32_t String_Set(String *ps, const char *chars) {
         ps->bIsSet = 1;
         return 0;
     }
-    const size_t n = strlen(chars);
-    if (SetBytes(ps, chars, n) != 0) {
-        fputs("ERROR: malloc failed!\n", stderr);
-        Log_Write(0, "Unable to malloc %d bytes at %s:%d", static_cast<int>(n + 1), kModule, __LINE__);
-        return -2;
-    }
-    return 0;
+    return vokt::SetText(ps, chars, strlen(chars));
 }
 
 int32_t String_SetN(String *ps, const char *chars, int32_t count) {
@@ -255,8 +250,7 @@ int32_t String_VFormat(String *s, const char *format, va_list args) {
 int32_t String_AppendChars(String *ps, const char *chars) {
     if (!Usable(ps)) return -1;
     VOKT_ASSERT_OR_RETURN(chars != NULL, -1);
-    if (!ps->bIsSet) return String_Set(ps, chars);
-    return AppendBytes(ps, chars, strlen(chars));
+    return vokt::AppendText(ps, chars, strlen(chars));
 }
 
 int32_t String_AppendN(String *ps, const char *chars, int32_t count) {
@@ -295,7 +289,8 @@ int32_t String_VAppendFormatted(String *s, const char *format, va_list args) {
     if (!piece) return -2;
     const int32_t code = String_VFormat(piece.get(), format, args);
     if (code != 0) return code;
-    return String_AppendChars(s, piece->string);
+    if (!Usable(s)) return -1;
+    return vokt::AppendText(s, piece->string, piece->length);
 }
 
 int32_t String_Equals(const String *a, const String *b) {
@@ -535,11 +530,13 @@ int32_t String_Join(Vector *vector, const char *separator, String *out) {
     const bool locked = vector->bSynchronized != 0;
     const int64_t count = locked ? Vector_Length(vector) : vector->size;
     const auto getAt = vokt::VectorSlots(vector)->GetAt;
+    if (!separator) separator = "";
+    const size_t separatorLength = strlen(separator);
     for (int64_t i = 0; i < count; i++) {
         const auto *element = static_cast<const String *>(locked ? getAt(vector, i) : vector->data[i]);
-        if (i > 0 && separator) VOKT_TRY(String_AppendChars(out, separator));
-        VOKT_ASSERT_OR_RETURN(IsString(element), -1);
-        VOKT_TRY(String_AppendChars(out, element->string));
+        if (i > 0) VOKT_TRY(vokt::AppendText(out, separator, separatorLength));
+        VOKT_ASSERT_OR_RETURN(IsString(element) && element->string != NULL, -1);
+        VOKT_TRY(vokt::AppendText(out, element->string, element->length));
     }
     return 0;
 }
@@ -590,3 +587,20 @@ void *CleanupList_Add(Vector **list, void *object) {
 }
 
 }  // extern "C"
+
+namespace vokt {
+
+int32_t SetText(String *ps, const char *chars, size_t n) {
+    if (SetBytes(ps, chars, n) != 0) {
+        fputs("ERROR: malloc failed!\n", stderr);
+        Log_Write(0, "Unable to malloc %d bytes at %s:%d", static_cast<int>(n + 1), kModule, __LINE__);
+        return -2;
+    }
+    return 0;
+}
+
+int32_t AppendText(String *ps, const char *chars, size_t n) {
+    return ps->bIsSet ? AppendBytes(ps, chars, n) : SetText(ps, chars, n);
+}
+
+}  // namespace vokt
