@@ -7,20 +7,45 @@
 #error "vokt/vokt.hpp is for C++; C programs include vokt/vokt.h"
 #endif
 
-#include <memory>
-
 #include "vokt/vokt.h"
 
 namespace vokt {
 
-// Destroys any vokt object through its class descriptor.
-struct Destroyer {
-    void operator()(void *object) const noexcept { Object_Destroy(object); }
-};
-
-// Owning pointer for any vokt object: vokt::Ptr<String> s(String_NewFromChars("x"));
+// Owning pointer for any vokt object, destroyed through its class descriptor:
+// vokt::Ptr<String> s(String_NewFromChars("x")). Move-only, like std::unique_ptr.
 template <typename T>
-using Ptr = std::unique_ptr<T, Destroyer>;
+class Ptr {
+public:
+    Ptr() noexcept = default;
+    explicit Ptr(T *object) noexcept : p_(object) {}
+    Ptr(Ptr &&other) noexcept : p_(other.release()) {}
+    Ptr &operator=(Ptr &&other) noexcept {
+        reset(other.release());
+        return *this;
+    }
+    ~Ptr() { Object_Destroy(p_); }
+    Ptr(const Ptr &) = delete;
+    Ptr &operator=(const Ptr &) = delete;
+
+    T *get() const noexcept { return p_; }
+    T *operator->() const noexcept { return p_; }
+    T &operator*() const noexcept { return *p_; }
+    explicit operator bool() const noexcept { return p_ != nullptr; }
+    // Gives the object up without destroying it.
+    T *release() noexcept {
+        T *p = p_;
+        p_ = nullptr;
+        return p;
+    }
+    void reset(T *object = nullptr) noexcept {
+        if (object != p_) Object_Destroy(p_);
+        p_ = object;
+    }
+    friend bool operator==(const Ptr &a, decltype(nullptr)) noexcept { return a.p_ == nullptr; }
+
+private:
+    T *p_ = nullptr;
+};
 
 template <typename T>
 Ptr<T> Own(T *object) noexcept {
