@@ -9,9 +9,9 @@ test -f "$tmp/prefix/include/vokt/vokt.h" && test ! -e "$tmp/prefix/include/vokt
 test -L "$tmp/prefix/lib/libvokt.so" && test -e "$tmp/prefix/lib/libvokt.so.1" && test -f "$tmp/prefix/lib/libvokt.a"
 
 export PKG_CONFIG_PATH="$tmp/prefix/lib/pkgconfig"
-cc -std=c11 -Wall -Wextra -Wpedantic -Werror "$tests/consumers/hello.c" $(pkg-config --cflags --libs vokt) \
+cc -std=c11 -Wall -Wextra -Wpedantic -Werror "$tests/c_check.c" $(pkg-config --cflags --libs vokt) \
    -Wl,-rpath,"$tmp/prefix/lib" -o "$tmp/hello_c"
-"$tmp/hello_c" | grep -qx "hello from C"
+"$tmp/hello_c" | grep -qx "c_check: ok"
 
 cmake -S "$tests/consumers/cxx" -B "$tmp/cxx" -DCMAKE_PREFIX_PATH="$tmp/prefix" >/dev/null
 cmake --build "$tmp/cxx" >/dev/null

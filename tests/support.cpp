@@ -1,6 +1,5 @@
 #include "support.h"
 
-#include <ctype.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -8,6 +7,7 @@
 
 #include <atomic>
 #include <fstream>
+#include <regex>
 #include <sstream>
 
 #include "vokt/core/memory.h"
@@ -86,13 +86,9 @@ void WriteFile(const std::string &path, const std::string &text) {
 }
 
 bool HasReport(const std::string &log, const std::string &text, const std::string &module) {
-    const std::string head = "Assertion failed: " + text + " in file " + module + " on line ";
-    for (size_t at = log.find(head); at != std::string::npos; at = log.find(head, at + 1)) {
-        size_t end = at + head.size();
-        while (end < log.size() && isdigit(static_cast<unsigned char>(log[end]))) end++;
-        if (end > at + head.size() && log.compare(end, 2, "\n\n") == 0) return true;
-    }
-    return false;
+    const std::regex report("Assertion failed: " + std::regex_replace(text, std::regex(R"([.^$|()\[\]{}*+?\\])"), R"(\$&)") +
+                            " in file " + module + " on line \\d+\n\n");
+    return std::regex_search(log, report);
 }
 
 int Count(const std::string &text, const std::string &needle) {

