@@ -32,9 +32,10 @@ bool Matches(const void *probe, const void *stored) {
     return memcmp(probe, stored, cls->size) == 0;
 }
 
-// The link that points at the first entry equal to probe (or at the chain's end).
-ObjectSetEntry **FindLink(ObjectSet *set, const void *probe) {
-    ObjectSetEntry **link = &set->buckets[BucketOf(probe, set->bucketCount)];
+// The link, in the probe's bucket, that points at the first entry equal to probe (or at
+// the chain's end).
+ObjectSetEntry **FindLink(ObjectSet *set, const void *probe, int32_t bucket) {
+    ObjectSetEntry **link = &set->buckets[bucket];
     while (*link && !Matches(probe, (*link)->object)) link = &(*link)->next;
     return link;
 }
@@ -121,7 +122,8 @@ int32_t ObjectSet_Add(ObjectSet *set, void *obj, int32_t *added) {
     VOKT_ASSERT_OR_RETURN(set != NULL, -1);
     VOKT_ASSERT_OR_RETURN(obj != NULL, -1);
     int32_t result = 0;
-    ObjectSetEntry **link = FindLink(set, obj);
+    const int32_t bucket = BucketOf(obj, set->bucketCount);
+    ObjectSetEntry **link = FindLink(set, obj, bucket);
     if (*link) {
         if (added) *added = 0;
     } else {
@@ -130,7 +132,6 @@ int32_t ObjectSet_Add(ObjectSet *set, void *obj, int32_t *added) {
             Log_Write(0, "Failed to allocate entry structure");
             result = -2;
         } else {
-            const int32_t bucket = BucketOf(obj, set->bucketCount);
             const bool wasEmpty = set->buckets[bucket] == nullptr;
             *entry = {obj, nullptr};
             *link = entry;
@@ -146,15 +147,16 @@ int32_t ObjectSet_Add(ObjectSet *set, void *obj, int32_t *added) {
 void *ObjectSet_Find(ObjectSet *set, void *probe) {
     VOKT_ASSERT_OR_RETURN(set != NULL, nullptr);
     if (!probe) return nullptr;
-    ObjectSetEntry *entry = *FindLink(set, probe);
+    ObjectSetEntry *entry = *FindLink(set, probe, BucketOf(probe, set->bucketCount));
     return entry ? entry->object : nullptr;
 }
 
 void *ObjectSet_Remove(ObjectSet *set, void *probe) {
     VOKT_ASSERT_OR_RETURN(set != NULL, nullptr);
     if (!probe) return nullptr;
-    ObjectSetEntry **link = FindLink(set, probe);
-    return *link ? Unlink(set, link, BucketOf(probe, set->bucketCount)) : nullptr;
+    const int32_t bucket = BucketOf(probe, set->bucketCount);
+    ObjectSetEntry **link = FindLink(set, probe, bucket);
+    return *link ? Unlink(set, link, bucket) : nullptr;
 }
 
 void *ObjectSet_RemoveAny(ObjectSet *set) {

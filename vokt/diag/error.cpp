@@ -122,10 +122,6 @@ Error *NewError(int32_t friendly, int32_t code, const char *format, va_list args
     return error;
 }
 
-void Release(int32_t ref) {
-    if (ErrorStore_IsError(ref)) Error_Free(ErrorStore_Take(ref));
-}
-
 struct NetErrorText {
     int32_t number;
     const char *name;
@@ -338,10 +334,10 @@ int32_t ErrorStore_Combine(int32_t a, int32_t b) {
     if (!eb) return a;
     if (!ea) return b;
     if (eb->priority <= ea->priority) {
-        Release(b);
+        vokt::DropError(b);
         return a;
     }
-    Release(a);
+    vokt::DropError(a);
     return b;
 }
 

@@ -185,13 +185,14 @@ int32_t Log_WriteV(int32_t level, const char *format, va_list args) {
     // The prefix is cut at 63 characters, as lines have always been written.
     constexpr size_t kPrefixLimit = 63;
     char prefix[160];
+    const int stamp = snprintf(prefix, sizeof prefix, "%02d/%02d/%04d %02d:%02d:%02d", local.tm_mday,
+                               local.tm_mon + 1, local.tm_year + 1900, local.tm_hour, local.tm_min, local.tm_sec);
+    char *tail = prefix + stamp;
+    const size_t room = sizeof prefix - static_cast<size_t>(stamp);
     if (Threshold() >= 100)
-        snprintf(prefix, sizeof prefix, "%02d/%02d/%04d %02d:%02d:%02d t%p : ", local.tm_mday, local.tm_mon + 1,
-                 local.tm_year + 1900, local.tm_hour, local.tm_min, local.tm_sec,
-                 reinterpret_cast<void *>(Thread_GetCurrentThreadID()));
+        snprintf(tail, room, " t%p : ", reinterpret_cast<void *>(Thread_GetCurrentThreadID()));
     else
-        snprintf(prefix, sizeof prefix, "%02d/%02d/%04d %02d:%02d:%02d: ", local.tm_mday, local.tm_mon + 1,
-                 local.tm_year + 1900, local.tm_hour, local.tm_min, local.tm_sec);
+        snprintf(tail, room, ": ");
     prefix[kPrefixLimit] = '\0';
 
     const int32_t code = String_VFormat(message.get(), format, args);
