@@ -51,4 +51,25 @@ TEST(Date, MonthNamesBothWays) {
     }));
 }
 
+// Years that do not fit an int: the text is still right, the year query says 0, and a
+// time that has no local date at all is an error, never undefined behaviour.
+TEST(Date, ExtremeTimesAreFormattedOrRefused) {
+    EXPECT_EQ(0, test::InChild([] {
+        setenv("TZ", "UTC", 1);
+        tzset();
+        const time_t lastYear = 67768036160486400;  // 5 January of year 2147485547
+        EXPECT_EQ(Date_Year(67767976202342400), 2147483647);
+        EXPECT_EQ(Date_Year(67767976233878400), 0) << "year 2147483648";
+        EXPECT_EQ(Date_Year(lastYear), 0);
+        String *out = String_NewFromChars("before");
+        EXPECT_EQ(Date_Format(out, lastYear), 0);
+        EXPECT_STREQ(out->string, "5-jan-2147485547");
+        String_Set(out, "before");
+        EXPECT_EQ(TakeMessage(Date_Format(out, lastYear + 800LL * 86400)), "invalid time supplied: 67768036229606400");
+        EXPECT_STREQ(out->string, "before");
+        EXPECT_EQ(Date_Year(lastYear + 800LL * 86400), 0);
+        String_Destroy(out);
+    }));
+}
+
 }  // namespace

@@ -32,6 +32,19 @@ TEST(Handles, DestroyClosesWhatIsHeld) {
     FileHandle_Destroy(missing);
 }
 
+TEST(Handles, DescriptorsAreClosedOnExec) {
+    auto closedOnExec = [](int fd) { return (fcntl(fd, F_GETFD) & FD_CLOEXEC) != 0; };
+    EXPECT_EQ(0, test::InChild([&] {
+        Socket *s = Socket_New(AF_UNIX, SOCK_STREAM, 0);
+        FileHandle *f = FileHandle_New("x", "w");
+        FileHandle *g = FileHandle_New("x", "re");  // the caller's own 'e' is kept as it is
+        EXPECT_TRUE(closedOnExec(s->fd));
+        EXPECT_TRUE(closedOnExec(fileno(f->fp)));
+        EXPECT_TRUE(closedOnExec(fileno(g->fp)));
+        for (void *o : {static_cast<void *>(s), static_cast<void *>(f), static_cast<void *>(g)}) Object_Destroy(o);
+    }));
+}
+
 TEST(Handles, FailuresAndNullObjects) {
     EXPECT_EQ(0, test::InChild([] {
         test::FailAllocation(1);

@@ -1,6 +1,10 @@
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <regex>
 #include <vector>
@@ -144,6 +148,63 @@ TEST(Log, LinesFromSeveralThreadsNeverInterleave) {
         const std::string log = test::ReadFile("vokt.log");
         EXPECT_EQ(std::distance(std::sregex_iterator(log.begin(), log.end(), line), std::sregex_iterator()), 600);
         EXPECT_EQ(test::Count(log, "\n"), 600);
+    }));
+}
+
+void *LogUntilStopped(void *arg) {
+    auto *stop = static_cast<std::atomic<bool> *>(arg);
+    while (!stop->load()) Log_Write(0, "parent");
+    return nullptr;
+}
+
+// A fork that lands while another thread is inside the log or the error store leaves
+// the child with both usable.
+TEST(Log, ChildrenForkedWhileAnotherThreadLogsCanLog) {
+    EXPECT_EQ(0, test::InChild([] {
+        std::atomic<bool> stop{false};
+        Thread t;
+        Thread_CreateJoinable(&t, LogUntilStopped, &stop);
+        int hung = 0;
+        for (int i = 0; i < 100; i++) {
+            const pid_t pid = fork();
+            if (pid == 0) {
+                alarm(10);
+                Log_Write(0, "child");
+                ErrorStore_Check(ErrorStore_Register(Error_NewInternal("in the child")));
+                _exit(0);
+            }
+            int status = 0;
+            waitpid(pid, &status, 0);
+            if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) hung++;
+        }
+        stop = true;
+        Thread_Join(t);
+        EXPECT_EQ(hung, 0);
+        EXPECT_EQ(test::Count(test::ReadFile("vokt.log"), ": child\n"), 100);
+    }));
+}
+
+std::vector<int> g_inheritable;  // descriptors seen without close-on-exec
+
+void *WatchingMalloc(size_t n) {
+    for (int fd = 3; fd < 256; fd++) {
+        const int flags = fcntl(fd, F_GETFD);
+        if (flags != -1 && !(flags & FD_CLOEXEC)) g_inheritable.push_back(fd);
+    }
+    return malloc(n);
+}
+
+// While the log cuts its file back it holds descriptors open; none of them may reach a
+// program that another thread starts meanwhile.
+TEST(Log, SizeCheckDescriptorsAreClosedOnExec) {
+    EXPECT_EQ(0, test::InChild([] {
+        for (int fd = 3; fd < 256; fd++) close(fd);
+        const MemoryFunctions watching = {WatchingMalloc, realloc, free};
+        Memory_SetFunctions(&watching);
+        Log_SetLevel(25);
+        EXPECT_LT(SizeAfterOneLine(OldLog(5000), 0), 5000u);
+        Memory_SetFunctions(nullptr);
+        EXPECT_TRUE(g_inheritable.empty()) << g_inheritable.size();
     }));
 }
 

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
+#include <stdlib.h>
 #include <string.h>
+#include <unistd.h>
 
 #include "support.h"
 #include "vokt/vokt.h"
@@ -67,6 +69,65 @@ TEST(MemBlock, ResizeIsExactAndKeepsTheOldBufferOnFailure) {
                                  ": Failed to allocate block of 16 bytes\n"})
             EXPECT_EQ(test::Count(log, text), 1) << text;
         EXPECT_TRUE(test::HasReport(log, "mem!=NULL", "memblock"));
+    }));
+}
+
+// Objects of two sizes that hash alike: comparing them by bytes must never read past the
+// smaller one.
+struct Tiny {
+    const ClassDescriptor *ftbl;
+};
+struct Wide {
+    const ClassDescriptor *ftbl;
+    char bytes[56];
+};
+int32_t HashOne(const void *) { return 1; }
+const ClassDescriptor kTinyClass = {sizeof(Tiny), "Tiny", free, nullptr, nullptr, HashOne};
+const ClassDescriptor kWideClass = {sizeof(Wide), "Wide", free, nullptr, nullptr, HashOne};
+
+template <typename T>
+T *Make(const ClassDescriptor *cls) {
+    auto *o = static_cast<T *>(calloc(1, sizeof(T)));
+    o->ftbl = cls;
+    return o;
+}
+
+TEST(Object, ObjectsOfAnotherClassAreNeverReadAsThoughTheyWereTheProbes) {
+    auto *tiny = Make<Tiny>(&kTinyClass);
+    auto *wide = Make<Wide>(&kWideClass);
+    EventObject *event = EventObject_New(0);
+    Vector *v = Vector_New();
+    Vector_Add(v, tiny);
+    EXPECT_EQ(Vector_Contains(v, wide), 0);
+    EXPECT_EQ(Vector_Contains(v, event), 0);
+    EXPECT_EQ(EventObject_Equals(event, reinterpret_cast<EventObject *>(tiny)), 0);
+    ObjectSet *set = ObjectSet_New();
+    ObjectSet_Add(set, tiny, nullptr);
+    EXPECT_EQ(ObjectSet_Find(set, wide), nullptr);
+    int32_t added = 0;
+    EXPECT_EQ(ObjectSet_Add(set, wide, &added), 0);
+    EXPECT_EQ(added, 1);
+    EXPECT_EQ(ObjectSet_Remove(set, wide), wide);
+    for (void *o : std::initializer_list<void *>{v, set, event, tiny, wide}) Object_Destroy(o);
+}
+
+void *LogLines(void *) {
+    for (int i = 0; i < 2000; i++) Log_Write(0, "line %d", i);
+    return nullptr;
+}
+
+// Start-up runs once: calling it again, from any thread and under load, changes nothing.
+TEST(Object, StartUpRunsOnceHoweverOftenItIsCalled) {
+    EXPECT_EQ(0, test::InChild([] {
+        alarm(60);  // a deadlock ends the child instead of the test run
+        Runtime_Init();
+        testing::internal::CaptureStderr();
+        Thread t;
+        Thread_CreateJoinable(&t, LogLines, nullptr);
+        for (int i = 0; i < 3000; i++) Runtime_Init();
+        Thread_Join(t);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+        EXPECT_EQ(test::Count(test::ReadFile("vokt.log"), "\n"), 2000);
     }));
 }
 

@@ -146,3 +146,56 @@ TEST(String, FailuresAndMistakesLeaveTheSpecifiedState) {
 }
 
 }  // namespace
+
+// Every operation that takes text must accept text that lies inside its own target.
+TEST(String, TextInsideTheTargetIsReadBeforeItChanges) {
+    EXPECT_EQ(0, test::InChild([] {
+        mkdir("etc", 0755);
+        using Edit = std::function<int32_t(String *)>;
+        const std::tuple<const char *, const char *, Edit> cases[] = {
+            {"hello", "llo", [](String *s) { return String_Set(s, s->string + 2); }},
+            {"hello", "el", [](String *s) { return String_SetN(s, s->string + 1, 2); }},
+            {"ab", "abab", [](String *s) { return String_AppendChars(s, s->string); }},
+            {"ab", "abb", [](String *s) { return String_AppendN(s, s->string + 1, 5); }},
+            {"ab", "<ab>", [](String *s) { return String_Format(s, "<%s>", s->string); }},
+            {"%s!", "%s!!", [](String *s) { return String_Format(s, s->string, "%s!"); }},
+            {"ab", "ab=ab", [](String *s) { return String_AppendFormatted(s, "=%s", s->string); }},
+            {"aa bb+", "aa\r\n+bb+", [](String *s) { return String_WrapEx(s, 3, 3, s->string + 5); }},
+            {"b.txt", "etc/b.txt", [](String *s) { return String_ResolvePath(s, s->string, "etc"); }},
+            {"etc", "etc/b.txt", [](String *s) { return String_ResolvePath(s, "b.txt", s->string); }},
+            {"x/", "x/x/", [](String *s) { return String_ResolvePath(s, s->string, s->string); }},
+        };
+        for (const auto &[text, expected, edit] : cases) {
+            String *s = String_NewFromChars(text);
+            EXPECT_EQ(edit(s), 0) << text << " -> " << expected;
+            EXPECT_EQ(Text(s), expected);
+            String_Destroy(s);
+        }
+        // Joining into a String that is also the separator or one of the elements.
+        String *out = String_NewFromChars("+"), *b = String_NewFromChars("b");
+        Vector *v = Vector_New();
+        Vector_Add(v, out);
+        Vector_Add(v, b);
+        EXPECT_EQ(String_Join(v, out->string, out), 0);
+        EXPECT_EQ(Text(out), "++b");
+        String_Destroy(out);
+        String_Destroy(b);
+        Vector_Free(v);
+    }));
+}
+
+// A length that String_Length cannot report is never reached: the growth fails instead.
+TEST(String, NeverGrowsPastWhatItsLengthReports) {
+    String *s = String_NewFromChars("abc");
+    s->length = 2147483646u;  // pretend: only the tail end of the text is ever touched
+    EXPECT_EQ(String_AppendChar(s, 'y'), 0);
+    EXPECT_EQ(String_Length(s), 2147483647);
+    EXPECT_EQ(String_AppendChar(s, 'z'), -2);
+    EXPECT_EQ(String_Length(s), 2147483647) << "a failed AppendChar changes nothing";
+    EXPECT_EQ(String_AppendChars(s, "z"), -2);
+    EXPECT_EQ(String_Length(s), 0) << "a failed append reads as unset";
+    EXPECT_EQ(String_Hash(s), 0);
+    s->bIsSet = 1;
+    s->length = 3;
+    String_Destroy(s);
+}

@@ -12,6 +12,10 @@ TEST(Version, ComparesThreeNumbersAsTheRawDifference) {
     EXPECT_EQ(Version_Compare("1.2.3", "1.2.3"), 0);
     EXPECT_EQ(Version_Compare("x.y.z", "1.2.3"), 0);
     EXPECT_EQ(Version_Compare(nullptr, "1.2.3"), 0);
+    // A difference that does not fit 32 bits still has the right sign.
+    EXPECT_GT(Version_Compare("1.0.2147483647", "1.0.-1"), 0);
+    EXPECT_EQ(Version_Compare("1.0.-1", "1.0.2147483647"), INT32_MIN) << "a difference that fits stays";
+    EXPECT_LT(Version_Compare("-2147483648.0.0", "1.0.0"), 0);
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include "vokt/internal/alloc.h"
 #include "vokt/internal/check.h"
 #include "vokt/internal/classes.h"
+#include "vokt/internal/equality.h"
 
 namespace {
 
@@ -26,17 +27,12 @@ int32_t BucketOf(const void *object, int32_t bucketCount) {
     return bucket < 0 ? -bucket : bucket;
 }
 
-bool Matches(const void *probe, const void *stored) {
-    const ClassDescriptor *cls = static_cast<const Object *>(probe)->ftbl;
-    if (cls->Equals) return cls->Equals(probe, stored) != 0;
-    return memcmp(probe, stored, cls->size) == 0;
-}
-
 // The link, in the probe's bucket, that points at the first entry equal to probe (or at
 // the chain's end).
 ObjectSetEntry **FindLink(ObjectSet *set, const void *probe, int32_t bucket) {
     ObjectSetEntry **link = &set->buckets[bucket];
-    while (*link && !Matches(probe, (*link)->object)) link = &(*link)->next;
+    const auto *p = static_cast<const Object *>(probe);
+    while (*link && !vokt::Matches(p, static_cast<const Object *>((*link)->object))) link = &(*link)->next;
     return link;
 }
 

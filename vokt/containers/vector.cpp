@@ -8,6 +8,7 @@
 #include "vokt/internal/alloc.h"
 #include "vokt/internal/check.h"
 #include "vokt/internal/classes.h"
+#include "vokt/internal/equality.h"
 #include "vokt/internal/scope.h"
 
 namespace {
@@ -43,10 +44,6 @@ Object **AllocateSlots(void *old, int64_t count) {
 
 void FreeSlots(Object **data) {
     if (data) vokt::Free(reinterpret_cast<Slots *>(data) - 1);
-}
-
-bool BytesEqual(const Object *probe, const Object *element) {
-    return element && memcmp(probe, element, probe->ftbl->size) == 0;
 }
 
 Vector *NewVector(int32_t owning) {
@@ -212,10 +209,8 @@ int32_t Vector_Contains(Vector *v, void *probe) {
     if (!probe) return 0;
     VectorGuard lock(v);
     const auto *p = static_cast<const Object *>(probe);
-    const auto equals = p->ftbl->Equals;
-    for (int64_t i = 0; i < v->size; i++) {
-        if (equals ? equals(p, v->data[i]) != 0 : BytesEqual(p, v->data[i])) return 1;
-    }
+    for (int64_t i = 0; i < v->size; i++)
+        if (vokt::Matches(p, v->data[i])) return 1;
     return 0;
 }
 

@@ -1,6 +1,7 @@
 // The object model's shared pieces: object allocation, EventObject and start-up.
 #include "vokt/core/object.h"
 
+#include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
@@ -25,6 +26,18 @@ const ClassDescriptor kEventObjectClass = {
 // Linux needs no socket-layer start-up; the hook stays so the start-up steps read the
 // same on every platform.
 int32_t StartSocketLayer() { return 0; }
+
+void StartUp() {
+    ErrorStore_Init();
+    Log_Init();
+    const int32_t ref = StartSocketLayer();
+    if (ErrorStore_IsError(ref)) {
+        Error *e = ErrorStore_Take(ref);
+        Log_Write(0, "%s", e->message && e->message->string ? e->message->string : "");
+        Object_Destroy(e);
+    }
+    srand(static_cast<unsigned>(time(nullptr)));
+}
 
 }  // namespace
 
@@ -52,7 +65,8 @@ EventObject *EventObject_New(uint64_t value) {
 }
 
 int32_t EventObject_Equals(const EventObject *a, const EventObject *b) {
-    if (!a || !b) return 0;
+    // Only two EventObjects have values to compare; anything else is never equal.
+    if (!a || !b || a->ftbl != b->ftbl) return 0;
     return a->value == b->value ? 1 : 0;
 }
 
@@ -62,16 +76,11 @@ void Object_Destroy(void *object) {
     if (cls && cls->Destroy) cls->Destroy(object);
 }
 
+// Start-up runs once per process; later calls, from any thread, return at once (after
+// the first call has finished).
 void Runtime_Init(void) {
-    ErrorStore_Init();
-    Log_Init();
-    const int32_t ref = StartSocketLayer();
-    if (ErrorStore_IsError(ref)) {
-        Error *e = ErrorStore_Take(ref);
-        Log_Write(0, "%s", e->message && e->message->string ? e->message->string : "");
-        Object_Destroy(e);
-    }
-    srand(static_cast<unsigned>(time(nullptr)));
+    static pthread_once_t once = PTHREAD_ONCE_INIT;
+    pthread_once(&once, StartUp);
 }
 
 }  // extern "C"

@@ -34,7 +34,9 @@ VOKT_API EventObject *EventObject_New(uint64_t value);
 VOKT_API int32_t EventObject_Equals(const EventObject *a, const EventObject *b);
 /* (extension) Destroys any runtime object through its descriptor; NULL is ignored. */
 VOKT_API void Object_Destroy(void *object);
-/* Start-up routine: initialises the error-store and log mutexes and seeds rand(). */
+/* Start-up routine: initialises the error-store and log mutexes and seeds rand(). It runs
+ * once per process: later calls, from any thread, wait for the first to finish and then
+ * do nothing. */
 VOKT_API void Runtime_Init(void);
 
 #ifdef __cplusplus

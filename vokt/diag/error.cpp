@@ -10,6 +10,7 @@
 #include "vokt/internal/alloc.h"
 #include "vokt/internal/check.h"
 #include "vokt/internal/classes.h"
+#include "vokt/internal/fork.h"
 #include "vokt/internal/scope.h"
 
 namespace {
@@ -33,6 +34,7 @@ String g_oomString = {&vokt::kStringClass, 1, g_oomText, 18};
 Error g_outOfMemory = {&kErrorClass, &g_oomString, &g_oomString, 1, kCodeOutOfMemory, 0, 101, 1};
 
 Mutex g_storeMutex = {PTHREAD_MUTEX_INITIALIZER, 0, 0};
+pthread_once_t g_initOnce = PTHREAD_ONCE_INIT;
 Vector *global_error_store = nullptr;
 uint64_t g_errorCount = 0;
 
@@ -364,7 +366,10 @@ void NetError_Describe(int32_t number, char *name, int32_t nameLength, char *tex
     if (level) *level = found ? found->level : 50;
 }
 
-void ErrorStore_Init(void) { Mutex_Init(&g_storeMutex); }
+// Runs once: see Log_Init.
+void ErrorStore_Init(void) {
+    pthread_once(&g_initOnce, [] { Mutex_Init(&g_storeMutex); });
+}
 
 void ErrorStore_Shutdown(void) {
     Vector *store;
@@ -404,3 +409,8 @@ void Error_SetCodePriority(int32_t code, int32_t priority) {
 }
 
 }  // extern "C"
+
+namespace vokt {
+void ErrorStoreForkPrepare() { Mutex_Lock(&g_storeMutex); }
+void ErrorStoreForkRelease() { Mutex_Unlock(&g_storeMutex); }
+}  // namespace vokt

@@ -16,6 +16,7 @@
 #include "vokt/diag/error.h"
 #include "vokt/internal/alloc.h"
 #include "vokt/internal/check.h"
+#include "vokt/internal/fork.h"
 #include "vokt/internal/scope.h"
 #include "vokt/sync/vokt_sync.h"
 #include "vokt/text/string.h"
@@ -79,7 +80,7 @@ void CheckSize() {
     const int32_t limit = static_cast<int32_t>(static_cast<int64_t>(g_maxSizeKB) * 1024);
     if (size <= limit) return;
 
-    FILE *in = fopen(path, "rb");
+    FILE *in = fopen(path, "rbe");
     if (!in) return;
     if (fseek(in, -static_cast<long>(limit / 2), SEEK_END) != 0) {
         fclose(in);
@@ -105,7 +106,7 @@ void CheckSize() {
         return;
     }
     fclose(in);
-    FILE *out = fopen(path, "wb");
+    FILE *out = fopen(path, "wbe");
     if (!out) {
         vokt::Free(kept);
         return;
@@ -141,6 +142,29 @@ void Echo(FILE *stream, const char *prefix, const String *message, int32_t code)
         fputs("ERROR FORMATTING LOG LINE", stream);  // no line end, as tools expect
     fflush(stream);
 }
+
+// A child of fork() has only the thread that forked; any lock another thread held at
+// that moment would stay held in the child for ever. So fork waits until it can take
+// the runtime's locks, in their usual order, and both sides release them afterwards.
+void ForkPrepare() {
+    Mutex_Lock(&g_mutex);
+    vokt::ErrorStoreForkPrepare();
+    vokt::ThreadRegistryForkPrepare();
+}
+void ForkParent() {
+    vokt::ThreadRegistryForkRelease(false);
+    vokt::ErrorStoreForkRelease();
+    Mutex_Unlock(&g_mutex);
+}
+void ForkChild() {
+    vokt::ThreadRegistryForkRelease(true);
+    vokt::ErrorStoreForkRelease();
+    Mutex_Unlock(&g_mutex);
+}
+// Registered when the library is loaded, so that it holds even before Runtime_Init.
+[[maybe_unused]] const int g_forkHandlers = pthread_atfork(ForkPrepare, ForkParent, ForkChild);
+
+pthread_once_t g_initOnce = PTHREAD_ONCE_INIT;
 
 class DepthGuard {
 public:
@@ -266,7 +290,11 @@ void Log_SetEcho(int32_t flag) {
 
 int32_t Log_GetLevel(void) { return Threshold(); }
 
-void Log_Init(void) { Mutex_Init(&g_mutex); }
+// The mutex is ready from the start; initialising it again while a thread holds it would
+// break that thread's hold, so this runs once however often it is called.
+void Log_Init(void) {
+    pthread_once(&g_initOnce, [] { Mutex_Init(&g_mutex); });
+}
 
 void Log_Shutdown(void) {
     Mutex_Lock(&g_mutex);

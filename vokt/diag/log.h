@@ -27,6 +27,8 @@ VOKT_API void Log_SetMaxSize(int32_t kb);
 /* Copies every written line to standard output when nonzero. */
 VOKT_API void Log_SetEcho(int32_t flag);
 VOKT_API int32_t Log_GetLevel(void);
+/* Initialises the log mutex, once; later calls do nothing. The log is also safe across
+ * fork(): the child can log even if another thread was logging at that moment. */
 VOKT_API void Log_Init(void);
 /* Last call of the log; no log call may follow. */
 VOKT_API void Log_Shutdown(void);

@@ -47,6 +47,10 @@ public:
     T *get() const { return p_; }
     T *operator->() const { return p_; }
     explicit operator bool() const { return p_ != nullptr; }
+    void reset(T *object) {
+        Object_Destroy(p_);
+        p_ = object;
+    }
     T *release() {
         T *p = p_;
         p_ = nullptr;

@@ -1,11 +1,15 @@
 // Synchronisation records over POSIX threads. This module sits below the log, so it
-// reports its own failures on standard error and never allocates.
+// reports its own failures on standard error. The records are the caller's; the only
+// memory it takes is one small registry entry per thread it starts.
 #include "vokt/sync/vokt_sync.h"
 
 #include <errno.h>
 #include <signal.h>
 #include <stdio.h>
 #include <sys/time.h>
+
+#include "vokt/internal/alloc.h"
+#include "vokt/internal/fork.h"
 
 namespace {
 
@@ -89,6 +93,113 @@ int32_t WaitEvent(Event *e, const timespec *deadline) {
     return 1;
 }
 
+// Event_SetState's work, for a caller that already holds the event's inner mutex.
+void SetStateLocked(Event *e, int32_t state) {
+    if (state != 0) {
+        e->bSignalled = 1;
+        // The text names the signal call and has no line end; tools match it as it is.
+        const int rc = pthread_cond_broadcast(&e->condition);
+        if (rc != 0) fprintf(stderr, "Error returned by pthread_cond_signal: %d", rc);
+    } else {
+        e->bSignalled = 0;
+    }
+}
+
+// The threads this module started. A thread identifier alone cannot say whether its
+// thread has ended (the C library keeps answering for an ended thread until it is
+// joined), so each thread runs through a trampoline that records its end here. Joined
+// and ended detached threads leave their identifier in a ring of the most recent ones.
+struct ThreadEntry {
+    ThreadEntry *next;
+    pthread_t id;
+    bool ended;
+    int32_t joinable;
+    ThreadRoutine routine;
+    void *argument;
+};
+
+constexpr int kGoneThreads = 256;
+pthread_mutex_t g_threadsLock = PTHREAD_MUTEX_INITIALIZER;
+ThreadEntry *g_threads = nullptr;
+pthread_t g_gone[kGoneThreads];
+int g_goneNext = 0;
+pthread_once_t g_endKeyOnce = PTHREAD_ONCE_INIT;
+pthread_key_t g_endKey;
+bool g_endKeyMade = false;
+
+void Unlink(ThreadEntry *entry) {
+    for (ThreadEntry **link = &g_threads; *link; link = &(*link)->next) {
+        if (*link == entry) {
+            *link = entry->next;
+            return;
+        }
+    }
+}
+
+ThreadEntry *Find(pthread_t id) {
+    for (ThreadEntry *e = g_threads; e; e = e->next)
+        if (pthread_equal(e->id, id)) return e;
+    return nullptr;
+}
+
+int GoneSlot(pthread_t id) {
+    for (int i = 0; i < kGoneThreads; i++)
+        if (g_gone[i] && pthread_equal(g_gone[i], id)) return i;
+    return -1;
+}
+
+void RememberGone(pthread_t id) {
+    g_gone[g_goneNext] = id;
+    g_goneNext = (g_goneNext + 1) % kGoneThreads;
+}
+
+// Runs at the end of every thread started here, after a return and after pthread_exit
+// alike. An ended detached thread is nobody's to join, so its entry goes at once.
+void ThreadEnded(void *value) {
+    auto *entry = static_cast<ThreadEntry *>(value);
+    pthread_mutex_lock(&g_threadsLock);
+    entry->ended = true;
+    const bool detached = !entry->joinable;
+    if (detached) {
+        Unlink(entry);
+        RememberGone(entry->id);
+    }
+    pthread_mutex_unlock(&g_threadsLock);
+    if (detached) vokt::Free(entry);
+}
+
+void MakeEndKey() { g_endKeyMade = pthread_key_create(&g_endKey, ThreadEnded) == 0; }
+
+void *Trampoline(void *value) {
+    auto *entry = static_cast<ThreadEntry *>(value);
+    pthread_setspecific(g_endKey, entry);
+    return entry->routine(entry->argument);
+}
+
+// Starts the thread through the trampoline, with a registry entry; without one (no key,
+// no memory) it starts plainly and is answered for as a thread started elsewhere. The
+// registry stays locked until the entry is complete, so the new thread cannot end (and
+// release a detached entry) before that.
+int StartThread(pthread_t *id, const pthread_attr_t *attributes, ThreadRoutine routine, void *argument,
+                int32_t joinable) {
+    pthread_once(&g_endKeyOnce, MakeEndKey);
+    auto *entry = g_endKeyMade ? static_cast<ThreadEntry *>(vokt::Alloc(sizeof(ThreadEntry))) : nullptr;
+    if (!entry) return pthread_create(id, attributes, routine, argument);
+    *entry = ThreadEntry{nullptr, pthread_t{}, false, joinable, routine, argument};
+    pthread_mutex_lock(&g_threadsLock);
+    const int rc = pthread_create(id, attributes, Trampoline, entry);
+    if (rc == 0) {
+        entry->id = *id;
+        entry->next = g_threads;
+        g_threads = entry;
+        const int slot = GoneSlot(*id);  // the identifier is in use again
+        if (slot >= 0) g_gone[slot] = 0;
+    }
+    pthread_mutex_unlock(&g_threadsLock);
+    if (rc != 0) vokt::Free(entry);
+    return rc;
+}
+
 // Every creation step runs whatever the earlier ones did; the numbers printed are errno
 // at that moment, as the texts have always shown them.
 void CreateThread(Thread *t, ThreadRoutine routine, void *argument, int32_t joinable) {
@@ -98,10 +209,30 @@ void CreateThread(Thread *t, ThreadRoutine routine, void *argument, int32_t join
         fprintf(stderr, "Could not create new thread: pthread_attr_init failed with errno=%d", errno);
     if (pthread_attr_setdetachstate(&attributes, joinable ? PTHREAD_CREATE_JOINABLE : PTHREAD_CREATE_DETACHED) != 0)
         fprintf(stderr, "Could not create new thread: pthread_attr_setdetachstate failed with errno=%d", errno);
-    if (pthread_create(&t->id, &attributes, routine, argument) != 0)
+    if (StartThread(&t->id, &attributes, routine, argument, joinable) != 0)
         fprintf(stderr, "Could not create new thread, errno=%d", errno);
     if (pthread_attr_destroy(&attributes) != 0)
         fprintf(stderr, "Could not create new thread: pthread_attr_destroy failed with errno=%d", errno);
+}
+
+// After a successful join the thread is gone: its entry goes and its identifier is
+// remembered as ended.
+void Joined(pthread_t id) {
+    pthread_mutex_lock(&g_threadsLock);
+    ThreadEntry *entry = Find(id);
+    if (entry) Unlink(entry);
+    RememberGone(id);
+    pthread_mutex_unlock(&g_threadsLock);
+    vokt::Free(entry);
+}
+
+// 1 or 0 from the registry, -1 for a thread this module did not start.
+int32_t RegistryAnswer(pthread_t id) {
+    pthread_mutex_lock(&g_threadsLock);
+    const ThreadEntry *entry = Find(id);
+    const int32_t answer = entry ? (entry->ended ? 1 : 0) : (GoneSlot(id) >= 0 ? 1 : -1);
+    pthread_mutex_unlock(&g_threadsLock);
+    return answer;
 }
 
 }  // namespace
@@ -180,14 +311,7 @@ void Event_Destroy(Event *e) {
 void Event_SetState(Event *e, int32_t state) {
     if (!e) return;
     pthread_mutex_lock(&e->mutex.mutex);
-    if (state != 0) {
-        e->bSignalled = 1;
-        // The text names the signal call and has no line end; tools match it as it is.
-        const int rc = pthread_cond_broadcast(&e->condition);
-        if (rc != 0) fprintf(stderr, "Error returned by pthread_cond_signal: %d", rc);
-    } else {
-        e->bSignalled = 0;
-    }
+    SetStateLocked(e, state);
     pthread_mutex_unlock(&e->mutex.mutex);
 }
 
@@ -228,8 +352,17 @@ void Counter_Decrement(Counter *cnt) {
     Mutex_Lock(&cnt->lock);
     SYNC_ASSERT(cnt->value>0, 388);
     cnt->value--;
-    if (cnt->value == 0) Event_SetState(&cnt->zeroEvent, 1);
+    if (cnt->value != 0) {
+        Mutex_Unlock(&cnt->lock);
+        return;
+    }
+    // A waiter may free the Counter as soon as it sees it idle, so the event's own mutex
+    // is released last: once a waiter holds it, this thread is done with the Counter.
+    Mutex *inner = &cnt->zeroEvent.mutex;
+    pthread_mutex_lock(&inner->mutex);
+    SetStateLocked(&cnt->zeroEvent, 1);
     Mutex_Unlock(&cnt->lock);
+    pthread_mutex_unlock(&inner->mutex);
 }
 
 int32_t Counter_GetValue(Counter *cnt) {
@@ -238,6 +371,12 @@ int32_t Counter_GetValue(Counter *cnt) {
     const int32_t value = cnt->value;
     SYNC_ASSERT(cnt->value>=0, 400);
     Mutex_Unlock(&cnt->lock);
+    if (value == 0) {
+        // The decrement that brought it to zero may still be releasing the event; wait for
+        // it, so that a caller who frees an idle Counter frees it after that thread.
+        pthread_mutex_lock(&cnt->zeroEvent.mutex.mutex);
+        pthread_mutex_unlock(&cnt->zeroEvent.mutex.mutex);
+    }
     return value;
 }
 
@@ -251,11 +390,17 @@ void Thread_CreateJoinable(Thread *t, ThreadRoutine routine, void *argument) {
 
 void Thread_Join(Thread thread) {
     SYNC_ASSERT(thread.bIsJoinable, 462);
-    if (pthread_join(thread.id, nullptr) != 0) fputs("Could not join thread", stderr);
+    if (pthread_join(thread.id, nullptr) != 0)
+        fputs("Could not join thread", stderr);
+    else
+        Joined(thread.id);
 }
 
 int32_t Thread_HasExited(Thread thread) {
     SYNC_ASSERT(thread.bIsJoinable, 480);
+    const int32_t known = RegistryAnswer(thread.id);
+    if (known >= 0) return known;
+    // A thread started elsewhere: the system's own answer is all there is.
     return pthread_kill(thread.id, 0) == ESRCH ? 1 : 0;
 }
 
@@ -267,3 +412,18 @@ int32_t Thread_IsSuspended(Thread thread) {
 pthread_t Thread_GetCurrentThreadID(void) { return pthread_self(); }
 
 }  // extern "C"
+
+namespace vokt {
+
+void ThreadRegistryForkPrepare() { pthread_mutex_lock(&g_threadsLock); }
+
+void ThreadRegistryForkRelease(bool child) {
+    if (child) {
+        const pthread_t self = pthread_self();
+        for (ThreadEntry *e = g_threads; e; e = e->next)
+            if (!pthread_equal(e->id, self)) e->ended = true;
+    }
+    pthread_mutex_unlock(&g_threadsLock);
+}
+
+}  // namespace vokt

@@ -1,5 +1,6 @@
 /* vokt: recursive mutexes, conditions, events, counters and threads over POSIX threads.
- * The records are embedded by value; nothing here allocates or logs. */
+ * The records are embedded by value and nothing here logs; the only allocation is one
+ * small registry entry for each thread started here. */
 #ifndef VOKT_SYNC_VOKT_SYNC_H
 #define VOKT_SYNC_VOKT_SYNC_H
 
@@ -66,7 +67,10 @@ VOKT_API int32_t Event_Wait(Event *e);
 /* 1 once the event is set, 0 when ms milliseconds passed first. */
 VOKT_API int32_t Event_TimedWait(Event *e, uint64_t ms);
 
-/* Use counter whose zeroEvent is set exactly while the value is 0. */
+/* Use counter whose zeroEvent is set exactly while the value is 0. Once Event_Wait or
+ * Event_TimedWait on zeroEvent has returned 1, or Counter_GetValue has returned 0, the
+ * thread whose Counter_Decrement brought the count to zero is done with the Counter: it
+ * may then be destroyed and its memory freed, provided no other thread still uses it. */
 VOKT_API void Counter_Init(Counter *c);
 VOKT_API void Counter_Destroy(Counter *c);
 VOKT_API void Counter_Increment(Counter *c);
@@ -78,7 +82,10 @@ VOKT_API void Thread_Create(Thread *t, ThreadRoutine routine, void *argument);
 /* Starts a thread that must be joined once with Thread_Join. */
 VOKT_API void Thread_CreateJoinable(Thread *t, ThreadRoutine routine, void *argument);
 VOKT_API void Thread_Join(Thread t);
-/* 1 when the system no longer knows the thread, else 0. */
+/* For a thread started by Thread_Create or Thread_CreateJoinable: 1 once its routine
+ * has returned (or it called pthread_exit), and after it was joined; 0 while it runs.
+ * The last 256 of those threads that were joined or ended detached are remembered. For
+ * any other thread: 1 when pthread_kill(id, 0) says ESRCH, else 0. */
 VOKT_API int32_t Thread_HasExited(Thread t);
 /* Always 0: threads cannot be suspended on this platform. */
 VOKT_API int32_t Thread_IsSuspended(Thread t);

@@ -21,9 +21,11 @@ int32_t Date_Format(String *out, time_t t) {
     String *month = list.Add(String_New());
     if (!month) return -2;
     tm local{};
-    VOKT_ASSERT_OR_RETURN(localtime_r(&t, &local) != NULL, -1);
+    if (!localtime_r(&t, &local))
+        return vokt::StoreError(Error_NewInternal("invalid time supplied: %lld", static_cast<long long>(t)));
     VOKT_TRY(Month_ToName(local.tm_mon + 1, month));
-    return String_Format(out, "%d-%s-%d", local.tm_mday, month->string, local.tm_year + 1900);
+    // The year is counted in 64 bits: the latest years a tm can hold do not fit an int.
+    return String_Format(out, "%d-%s-%lld", local.tm_mday, month->string, local.tm_year + 1900LL);
 }
 
 int32_t Date_FormatNow(String *out) { return Date_Format(out, time(nullptr)); }
@@ -44,7 +46,8 @@ int32_t Month_FromName(const char *name) {
 int32_t Date_Year(time_t t) {
     tm local{};
     if (!localtime_r(&t, &local)) return 0;
-    return local.tm_year + 1900;
+    const long long year = local.tm_year + 1900LL;
+    return year <= INT32_MAX ? static_cast<int32_t>(year) : 0;
 }
 
 int32_t Date_CurrentYear(void) { return Date_Year(time(nullptr)); }

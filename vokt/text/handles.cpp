@@ -1,6 +1,8 @@
 // Handle objects: a descriptor or a stdio file with the object shape, closed by Destroy.
 #include "vokt/text/handles.h"
 
+#include <fcntl.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -30,13 +32,29 @@ void CloseAndFree(Handle *s) {
     vokt::Free(s);
 }
 
+// fopen with close-on-exec added to the caller's mode ('e'), so that the descriptor never
+// leaks into a program that another thread starts.
+FILE *OpenClosedOnExec(const char *path, const char *mode) {
+    char withCloexec[16];
+    const size_t n = strlen(mode);
+    if (strchr(mode, 'e') || n + 2 > sizeof withCloexec) {
+        FILE *fp = fopen(path, mode);
+        if (fp) fcntl(fileno(fp), F_SETFD, FD_CLOEXEC);
+        return fp;
+    }
+    memcpy(withCloexec, mode, n);
+    withCloexec[n] = 'e';
+    withCloexec[n + 1] = '\0';
+    return fopen(path, withCloexec);
+}
+
 }  // namespace
 
 extern "C" {
 
 Socket *Socket_New(int32_t domain, int32_t type, int32_t protocol) {
     auto *s = vokt::New<Socket>(&kSocketClass, "Socket s");
-    if (s) s->fd = socket(domain, type, protocol);
+    if (s) s->fd = socket(domain, type | SOCK_CLOEXEC, protocol);
     return s;
 }
 
@@ -58,7 +76,7 @@ void StreamHandle_Destroy(StreamHandle *s) {
 
 FileHandle *FileHandle_New(const char *path, const char *mode) {
     auto *s = vokt::New<FileHandle>(&kFileHandleClass, "FileHandle s");
-    if (s) s->fp = path && mode ? fopen(path, mode) : nullptr;
+    if (s) s->fp = path && mode ? OpenClosedOnExec(path, mode) : nullptr;
     return s;
 }
 

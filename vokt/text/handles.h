@@ -1,5 +1,6 @@
 /* vokt: Socket, StreamHandle and FileHandle: descriptors and files as objects that close
- * what they hold when destroyed. */
+ * what they hold when destroyed. What Socket_New and FileHandle_New open is
+ * close-on-exec, so it never leaks into a program that another thread starts. */
 #ifndef VOKT_TEXT_HANDLES_H
 #define VOKT_TEXT_HANDLES_H
 
@@ -25,7 +26,8 @@ typedef struct FileHandle {
     FILE *fp;
 } FileHandle;
 
-/* New Socket holding socket(domain, type, protocol); fd is -1 when that failed. Null
+/* New Socket holding socket(domain, type | SOCK_CLOEXEC, protocol); fd is -1 when that
+ * failed. Null
  * only when out of memory. */
 VOKT_API Socket *Socket_New(int32_t domain, int32_t type, int32_t protocol);
 /* Closes fd (when not negative) and frees the object. */
@@ -33,8 +35,8 @@ VOKT_API void Socket_Destroy(Socket *s);
 /* New StreamHandle owning fd, or null. */
 VOKT_API StreamHandle *StreamHandle_New(int32_t fd);
 VOKT_API void StreamHandle_Destroy(StreamHandle *s);
-/* New FileHandle holding fopen(path, mode); fp is null when the open failed. Null only
- * when out of memory. */
+/* New FileHandle holding fopen(path, mode) with 'e' (close-on-exec) added; fp is null
+ * when the open failed. Null only when out of memory. */
 VOKT_API FileHandle *FileHandle_New(const char *path, const char *mode);
 /* Closes fp (when not null) and frees the object. */
 VOKT_API void FileHandle_Destroy(FileHandle *s);

@@ -19,6 +19,8 @@
 namespace {
 
 constexpr char kModule[] = "util";
+// Lengths travel as signed 32-bit numbers, so no text grows past what they can say.
+constexpr uint64_t kMaxLength = 2147483647;
 
 using vokt::Scoped;
 
@@ -35,7 +37,7 @@ bool Usable(const String *ps) {
 // Stores an exact-fit copy of n bytes. The old text is released only after the copy
 // exists, so the source may lie inside it. On failure the String is left unset.
 int32_t SetBytes(String *ps, const char *chars, size_t n) {
-    char *text = static_cast<char *>(vokt::Alloc(n + 1));
+    char *text = n <= kMaxLength ? static_cast<char *>(vokt::Alloc(n + 1)) : nullptr;
     if (!text) {
         String_Clear(ps);
         return -2;
@@ -54,7 +56,8 @@ int32_t SetBytes(String *ps, const char *chars, size_t n) {
 int32_t AppendBytes(String *ps, const char *chars, size_t n) {
     const bool inside = chars >= ps->string && chars <= ps->string + ps->length;
     const size_t offset = inside ? static_cast<size_t>(chars - ps->string) : 0;
-    char *text = static_cast<char *>(vokt::Realloc(ps->string, ps->length + n + 1));
+    const bool fits = n <= kMaxLength && ps->length <= kMaxLength - n;
+    char *text = fits ? static_cast<char *>(vokt::Realloc(ps->string, ps->length + n + 1)) : nullptr;
     if (!text) {
         ps->bIsSet = 0;
         ps->length = 0;
@@ -85,6 +88,18 @@ String *Construct(int32_t code, String *ps) {
     vokt::DropError(code);
     String_Destroy(ps);
     return nullptr;
+}
+
+bool Inside(const String *ps, const char *text) {
+    return ps && ps->string && text >= ps->string && text <= ps->string + ps->length;
+}
+
+// text itself, or (when it lies inside ps, whose text is about to change) a copy held by
+// keep; null when that copy cannot be made.
+const char *Steady(const String *ps, const char *text, Scoped<String> &keep) {
+    if (!Inside(ps, text)) return text;
+    keep.reset(String_NewFromChars(text));
+    return keep ? keep->string : nullptr;
 }
 
 bool IsTrimmed(char c) { return c == ' ' || c == '\r' || c == '\n' || c == '\t'; }
@@ -263,6 +278,7 @@ int32_t String_AppendN(String *ps, const char *chars, int32_t count) {
 int32_t String_AppendChar(String *s, char c) {
     if (!Usable(s)) return -1;
     if (s->bIsSet) {
+        if (s->length >= kMaxLength) return -2;
         char *text = static_cast<char *>(vokt::Realloc(s->string, s->length + 2));
         if (!text) return -2;
         s->string = text;
@@ -316,7 +332,7 @@ int String_Compare(const void *pa, const void *pb) {
 
 int32_t String_Hash(const String *s) {
     const int32_t length = String_Length(s);
-    if (length == 0 || !s->string) return 0;
+    if (length <= 0 || !s->string) return 0;
     return static_cast<int32_t>(vokt::OneAtATime(s->string, static_cast<size_t>(length)));
 }
 
@@ -526,17 +542,30 @@ int32_t String_SplitChars(const char *text, char c, Vector *vector) {
 
 int32_t String_Join(Vector *vector, const char *separator, String *out) {
     VOKT_ASSERT_OR_RETURN(vector != NULL, -1);
-    VOKT_TRY(String_Set(out, ""));
     const bool locked = vector->bSynchronized != 0;
     const int64_t count = locked ? Vector_Length(vector) : vector->size;
     const auto getAt = vokt::VectorSlots(vector)->GetAt;
+    auto elementAt = [&](int64_t i) { return static_cast<const String *>(locked ? getAt(vector, i) : vector->data[i]); };
     if (!separator) separator = "";
+    // When out is also the separator or an element, the text is built aside and handed
+    // over at the end, so that every piece is read as it was before the call.
+    bool aliased = Inside(out, separator);
+    for (int64_t i = 0; i < count && !aliased; i++) aliased = elementAt(i) == out;
+    Scoped<String> aside(aliased ? String_New() : nullptr);
+    if (aliased && !aside) return -2;
+    String *target = aliased ? aside.get() : out;
+    VOKT_TRY(String_Set(target, ""));
     const size_t separatorLength = strlen(separator);
     for (int64_t i = 0; i < count; i++) {
-        const auto *element = static_cast<const String *>(locked ? getAt(vector, i) : vector->data[i]);
-        if (i > 0) VOKT_TRY(vokt::AppendText(out, separator, separatorLength));
+        const String *element = elementAt(i);
+        if (i > 0) VOKT_TRY(vokt::AppendText(target, separator, separatorLength));
         VOKT_ASSERT_OR_RETURN(IsString(element) && element->string != NULL, -1);
-        VOKT_TRY(vokt::AppendText(out, element->string, element->length));
+        VOKT_TRY(vokt::AppendText(target, element->string, element->length));
+    }
+    if (aliased) {
+        Adopt(out, target->string, target->length);
+        target->string = nullptr;
+        target->bIsSet = 0;
     }
     return 0;
 }
@@ -555,6 +584,11 @@ int32_t String_ResolvePath(String *s, const char *name, const char *base) {
     VOKT_ASSERT_OR_RETURN(name != NULL, -1);
     if (name[0] == '/') return String_Set(s, name);
     VOKT_ASSERT_OR_RETURN(base != NULL, -1);
+    // s is overwritten first; a name or base inside it is read from a copy.
+    Scoped<String> nameCopy, baseCopy;
+    name = Steady(s, name, nameCopy);
+    base = name ? Steady(s, base, baseCopy) : nullptr;
+    if (!base) return -2;
     VOKT_TRY(String_Set(s, base));
     if (File_Exists(base) && !File_IsDirectory(base)) {
         const char *slash = strrchr(s->string, '/');

@@ -20,6 +20,10 @@ typedef struct String {
     uint64_t length;
 } String;
 
+/* A text never grows past 2147483647 bytes, the most that String_Length can report: a
+ * longer result fails as a failed allocation does. Every operation below accepts text
+ * arguments that lie inside the String it changes. */
+
 /* New unset String, or null. Every String is released with String_Destroy. */
 VOKT_API String *String_New(void);
 /* New String holding a copy of chars, or null. */

@@ -1,6 +1,7 @@
 // Three-part version strings compared part by part.
 #include "vokt/text/version.h"
 
+#include <stdint.h>
 #include <stdio.h>
 
 extern "C" {
@@ -13,6 +14,9 @@ int32_t Version_Compare(const char *a, const char *b) {
         return 0;
     for (int i = 0; i < 3; i++) {
         const int64_t difference = static_cast<int64_t>(pa[i]) - pb[i];
+        // The difference itself where it fits; the nearest value of the same sign where not.
+        if (difference > INT32_MAX) return INT32_MAX;
+        if (difference < INT32_MIN) return INT32_MIN;
         if (difference != 0) return static_cast<int32_t>(difference);
     }
     return 0;

@@ -1,0 +1,14 @@
+// Private: the locks that must be held across fork(), so that a child never inherits one
+// that a vanished thread was holding. The log takes them all, in lock order.
+#ifndef VOKT_INTERNAL_FORK_H
+#define VOKT_INTERNAL_FORK_H
+
+namespace vokt {
+void ErrorStoreForkPrepare();
+void ErrorStoreForkRelease();
+void ThreadRegistryForkPrepare();
+// In the child, the threads that did not come along are marked as ended.
+void ThreadRegistryForkRelease(bool child);
+}  // namespace vokt
+
+#endif
