@@ -1,12 +1,19 @@
 # Thin wrapper over CMake. `make test` builds and runs every test; `make run` runs the
 # main example. Sanitizer builds live in their own folders.
 MAKEFLAGS += --no-print-directory
+SHELL   := /bin/bash
 JOBS    ?= 2
 PREFIX  ?= /usr/local
 BUILD   := build
 CMAKE_FLAGS ?=
 
-.PHONY: all deps test run sanitize tsan bench install clean
+FUZZ_SECONDS ?= 30
+FUZZ_TARGETS := text stream containers codename version date
+# Coverage floors for vokt/ (percent of lines and of branches).
+COVERAGE_LINES ?= 95
+COVERAGE_BRANCHES ?= 85
+
+.PHONY: all deps test run sanitize tsan fuzz coverage bench install clean
 
 all: deps
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVOKT_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
@@ -48,6 +55,30 @@ tsan: deps
 	@cmake --build build-tsan -j$(JOBS)
 	@TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest --test-dir build-tsan --output-on-failure -j$(JOBS)
 
+# Every fuzz target for FUZZ_SECONDS, starting from the checked-in seeds; new inputs are
+# kept under build-fuzz/, a crash, leak or model mismatch stops with its input saved there.
+fuzz: deps
+	@cmake/install-deps.sh clang libclang-rt-14-dev
+	@CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVOKT_FUZZ=ON \
+	  -DVOKT_BUILD_TESTS=OFF -DVOKT_BUILD_EXAMPLES=OFF >/dev/null
+	@cmake --build build-fuzz -j$(JOBS)
+	@cd build-fuzz && for t in $(FUZZ_TARGETS); do \
+	  mkdir -p corpus/$$t artifacts && echo "== fuzz_$$t ($(FUZZ_SECONDS) s)" && \
+	  ASAN_OPTIONS=detect_leaks=1 ./fuzz/fuzz_$$t -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	    -artifact_prefix=artifacts/ corpus/$$t ../fuzz/corpus/$$t 2>&1 | grep -E '^(==|#[0-9]+ +DONE|stat::number_of_executed_units|SUMMARY|model mismatch|ERROR)' ; \
+	  [ $${PIPESTATUS[0]} -eq 0 ] || exit 1; done
+
+# Line and branch coverage of vokt/ from the test suite, per file; fails below the floors.
+coverage: deps
+	@cmake/install-deps.sh gcovr
+	@cmake -S . -B build-cov -DCMAKE_BUILD_TYPE=Debug -DVOKT_COVERAGE=ON -DVOKT_BUILD_EXAMPLES=OFF >/dev/null
+	@cmake --build build-cov -j$(JOBS)
+	@find build-cov -name '*.gcda' -delete
+	@ctest --test-dir build-cov -j$(JOBS) >/dev/null || { ctest --test-dir build-cov --rerun-failed --output-on-failure; exit 1; }
+	@gcovr -r . --object-directory build-cov --filter 'vokt/' --exclude-unreachable-branches --exclude-throw-branches \
+	  --txt build-cov/coverage.txt --fail-under-line $(COVERAGE_LINES) --fail-under-branch $(COVERAGE_BRANCHES) \
+	  --print-summary; status=$$?; cat build-cov/coverage.txt; exit $$status
+
 bench: deps
 	@cmake -S . -B $(BUILD) -DVOKT_BUILD_BENCH=ON >/dev/null
 	@cmake --build $(BUILD) -j$(JOBS)
@@ -57,4 +88,4 @@ install: all
 	@cmake --install $(BUILD) --prefix $(PREFIX)
 
 clean:
-	@rm -rf $(BUILD) build-asan build-tsan
+	@rm -rf $(BUILD) build-asan build-tsan build-fuzz build-cov

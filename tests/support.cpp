@@ -15,18 +15,33 @@
 namespace test {
 namespace {
 
-std::atomic<long> g_calls{0}, g_failAt{0}, g_alsoFailAt{0}, g_injected{0};
+std::atomic<long> g_calls{0}, g_failAt{0}, g_alsoFailAt{0}, g_injected{0}, g_live{0};
+std::atomic<bool> g_persistent{false};
 
 bool ShouldFail() {
     if (g_failAt.load() <= 0) return false;
     const long call = ++g_calls;
-    if (call != g_failAt.load() && call != g_alsoFailAt.load()) return false;
-    g_injected++;
-    return true;
+    const bool fail = g_persistent ? call >= g_failAt.load() : call == g_failAt.load() || call == g_alsoFailAt.load();
+    if (fail) g_injected++;
+    return fail;
 }
 
-void *TestMalloc(size_t n) { return ShouldFail() ? nullptr : malloc(n); }
-void *TestRealloc(void *p, size_t n) { return ShouldFail() ? nullptr : realloc(p, n); }
+void *TestMalloc(size_t n) {
+    void *p = ShouldFail() ? nullptr : malloc(n);
+    if (p) g_live++;
+    return p;
+}
+void *TestRealloc(void *p, size_t n) {
+    if (ShouldFail()) return nullptr;
+    void *q = realloc(p, n);
+    if (q && !p) g_live++;
+    if (!q && p && n == 0) g_live--;  // the C library released the block
+    return q;
+}
+void TestFree(void *p) {
+    if (p) g_live--;
+    free(p);
+}
 
 std::string MakeTempDir() {
     char pattern[] = "/tmp/vokt-test-XXXXXX";
@@ -43,10 +58,18 @@ void FailAllocation(long n, long m) {
     g_calls = 0;
     g_injected = 0;
     g_alsoFailAt = m;
+    g_persistent = false;
+    g_failAt = n;
+}
+
+void FailFrom(long n) {
+    FailAllocation(0);
+    g_persistent = true;
     g_failAt = n;
 }
 
 long InjectedFailures() { return g_injected.load(); }
+long LiveBlocks() { return g_live.load(); }
 
 int InChild(const std::function<void()> &body) {
     fflush(stdout);
@@ -102,7 +125,7 @@ int Count(const std::string &text, const std::string &needle) {
 int main(int argc, char **argv) {
     ::testing::InitGoogleTest(&argc, argv);
     // The failing allocator stays installed; it fails nothing until asked to.
-    const MemoryFunctions functions = {test::TestMalloc, test::TestRealloc, free};
+    const MemoryFunctions functions = {test::TestMalloc, test::TestRealloc, test::TestFree};
     Memory_SetFunctions(&functions);
     // Anything logged outside a child lands in a scratch directory, never in the tree.
     const std::string dir = test::MakeTempDir();

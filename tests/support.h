@@ -9,8 +9,12 @@ namespace test {
 // Makes the n-th (and, when given, the m-th) allocation from now on fail; 0: none.
 // The failing allocator is installed for the whole run.
 void FailAllocation(long n, long m = 0);
-// Number of allocations made to fail since the last FailAllocation call.
+// Makes every allocation from the n-th on fail (0: none).
+void FailFrom(long n);
+// Number of allocations made to fail since the last FailAllocation or FailFrom call.
 long InjectedFailures();
+// Blocks obtained through the failing allocator and not yet released.
+long LiveBlocks();
 
 // Runs body in a forked child inside a fresh temporary directory (the child's working
 // directory) and returns its exit status: 0 when no expectation failed in it.

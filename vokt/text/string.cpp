@@ -8,6 +8,8 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include <initializer_list>
+
 #include "vokt/diag/log.h"
 #include "vokt/internal/alloc.h"
 #include "vokt/internal/check.h"
@@ -32,6 +34,13 @@ bool IsString(const void *object) {
 bool Usable(const String *ps) {
     String_Check(ps);
     return ps != nullptr;
+}
+
+// Each String is checked (every broken one is reported); true when all can be used.
+bool AllUsable(std::initializer_list<const String *> strings) {
+    bool all = true;
+    for (const String *ps : strings) all = Usable(ps) && all;
+    return all;
 }
 
 // Stores an exact-fit copy of n bytes. The old text is released only after the copy
@@ -310,13 +319,13 @@ int32_t String_VAppendFormatted(String *s, const char *format, va_list args) {
 }
 
 int32_t String_Equals(const String *a, const String *b) {
-    const bool usable = Usable(a) & Usable(b);
+    const bool usable = AllUsable({a, b});
     if (!usable || !a->bIsSet || !b->bIsSet || !a->string || !b->string) return 0;
     return strcmp(a->string, b->string) == 0 ? 1 : 0;
 }
 
 int32_t String_EqualsIgnoreCase(const String *a, const String *b) {
-    const bool usable = Usable(a) & Usable(b);
+    const bool usable = AllUsable({a, b});
     if (!usable || !a->bIsSet || !b->bIsSet || !a->string || !b->string) return 0;
     return strcasecmp(a->string, b->string) == 0 ? 1 : 0;
 }
@@ -485,7 +494,7 @@ int32_t String_WrapEx(String *s, int32_t firstWidth, int32_t width, const char *
 }
 
 int32_t String_SplitAt(const String *s, char c, String *left, String *right) {
-    const bool usable = Usable(s) & Usable(left) & Usable(right);
+    const bool usable = AllUsable({s, left, right});
     if (!usable || !s->string || s->length == 0) return usable ? 1 : -1;
     const char *found = static_cast<const char *>(memchr(s->string, c, s->length));
     if (!found) return 1;
