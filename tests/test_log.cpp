@@ -138,16 +138,22 @@ void *WriteMany(void *arg) {
     return nullptr;
 }
 
+// Eight threads write while the first of their lines cuts the file back: the old lines
+// kept, the notice and every new line arrive whole.
 TEST(Log, LinesFromSeveralThreadsNeverInterleave) {
     EXPECT_EQ(0, test::InChild([] {
-        Thread threads[4];
-        for (long i = 0; i < 4; i++) Thread_CreateJoinable(&threads[i], WriteMany, reinterpret_cast<void *>(i));
+        Log_SetLevel(25);
+        Log_SetMaxSize(2);
+        test::WriteFile("vokt.log", OldLog(6000));
+        Thread threads[8];
+        for (long i = 0; i < 8; i++) Thread_CreateJoinable(&threads[i], WriteMany, reinterpret_cast<void *>(i));
         for (auto &t : threads) Thread_Join(t);
-        // Whole lines only, each with its own thread's payload.
-        const std::regex line(kStamp + ": thread (?:0 a{200}|1 b{200}|2 c{200}|3 d{200})\n");
+        const std::regex line(kStamp + ": thread [0-7] ([a-h])\\1{199}\n");
         const std::string log = test::ReadFile("vokt.log");
-        EXPECT_EQ(std::distance(std::sregex_iterator(log.begin(), log.end(), line), std::sregex_iterator()), 600);
-        EXPECT_EQ(test::Count(log, "\n"), 600);
+        EXPECT_EQ(std::distance(std::sregex_iterator(log.begin(), log.end(), line), std::sregex_iterator()), 1200);
+        EXPECT_EQ(test::Count(log, "Logfile truncated from 6000 bytes"), 1);
+        EXPECT_GT(test::Count(log, "of the old log\n"), 0) << "the newest old lines stay";
+        EXPECT_EQ(test::Count(log, "\n"), 1200 + 1 + test::Count(log, "of the old log\n"));
     }));
 }
 

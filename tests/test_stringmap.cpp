@@ -19,7 +19,8 @@ bool Ordered(const StringMap *map) {
 TEST(StringMap, SetGetRemoveAndGrowth) {
     StringMap *map = StringMap_New(), *copy = StringMap_New();
     EXPECT_EQ(StringMap_Set(map, "absent", nullptr), 0);
-    EXPECT_EQ(StringMap_Set(map, "a", "lower") + StringMap_Set(map, "A", "upper") + StringMap_Set(map, "a", "again"), 0);
+    for (auto [key, value] : {std::pair{"a", "lower"}, {"A", "upper"}, {"a", "again"}})
+        EXPECT_EQ(StringMap_Set(map, key, value), 0) << key;
     EXPECT_STREQ(StringMap_Get(map, "a"), "again");
     EXPECT_STREQ(StringMap_Get(map, "A"), "upper");
     EXPECT_EQ(StringMap_Length(map), 2);
@@ -42,7 +43,8 @@ TEST(StringMap, SetGetRemoveAndGrowth) {
     EXPECT_EQ(StringMap_Assign(copy, map), 0);
     EXPECT_EQ(copy->count * (StringMap_Get(copy, "gone") == nullptr), map->count);
     StringMap_Clear(map);
-    EXPECT_EQ(map->count * 1000 + map->capacity, 128);
+    EXPECT_EQ(map->count, 0);
+    EXPECT_EQ(map->capacity, 128);
     StringMap_Free(map);
     Object_Destroy(copy);
 }

@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <vector>
 
 #include "vokt/sync/vokt_sync.h"
 
@@ -142,6 +143,40 @@ TEST(Sync, JoinableAndDetachedThreads) {
     Event_SetState(&s.event, 1);
     Thread_Join(joinable);
     while (s.stage.load() != 2) usleep(1000);
+}
+
+struct PingPong {
+    Condition ping, pong;
+    std::atomic<int> value{0};
+    std::vector<int> seen;
+};
+
+void *Answer(void *arg) {
+    auto *p = static_cast<PingPong *>(arg);
+    for (int i = 0; i < 300; i++) {
+        if (Condition_Wait(&p->ping) == 1) p->seen.push_back(p->value.load());
+        Condition_Signal(&p->pong);
+    }
+    return nullptr;
+}
+
+// Each signal wakes the waiting thread once, and is kept when nobody waits yet.
+TEST(Sync, ConditionsHandTurnsBetweenThreads) {
+    PingPong p;
+    Condition_Init(&p.ping);
+    Condition_Init(&p.pong);
+    Thread t;
+    Thread_CreateJoinable(&t, Answer, &p);
+    for (int i = 1; i <= 300; i++) {
+        p.value = i;
+        Condition_Signal(&p.ping);
+        EXPECT_EQ(Condition_Wait(&p.pong), 1) << i;
+    }
+    Thread_Join(t);
+    ASSERT_EQ(p.seen.size(), 300u);
+    for (int i = 0; i < 300; i++) EXPECT_EQ(p.seen[static_cast<size_t>(i)], i + 1);
+    Condition_Destroy(&p.ping);
+    Condition_Destroy(&p.pong);
 }
 
 void *ReturnAtOnce(void *) { return nullptr; }

@@ -48,7 +48,8 @@ TEST(Vector, RemovalAndCopyQuirks) {
     Vector *v = Vector_New(), *source = Vector_New(), *target = Vector_New();
     for (EventObject *e : {a, a, b}) Vector_Add(v, e);
     EXPECT_EQ(Vector_RemoveIdentical(v, a), a);  // the second adjacent copy survives
-    EXPECT_EQ(Vector_Length(v) * 10 + (Vector_GetAt(v, 0) == a), 21);
+    EXPECT_EQ(Vector_Length(v), 2);
+    EXPECT_EQ(Vector_GetAt(v, 0), a);
     Counted *c1 = NewCounted(1), *c2 = NewCounted(1);  // no Equals: identity only
     Vector_Add(v, c1);
     EXPECT_EQ(Vector_Remove(v, c2), nullptr);
@@ -58,7 +59,8 @@ TEST(Vector, RemovalAndCopyQuirks) {
     EXPECT_EQ(Vector_Remove(v, probe), stored);  // the stored one comes back
     for (EventObject *e : {a, static_cast<EventObject *>(nullptr), b}) Vector_Add(source, e);
     EXPECT_EQ(Vector_AddAll(target, source), -2);  // a null element is appended and ends the copy
-    EXPECT_EQ(Vector_Length(target) * 10 + (Vector_GetAt(target, 1) == nullptr), 21);
+    EXPECT_EQ(Vector_Length(target), 2);
+    EXPECT_EQ(Vector_GetAt(target, 1), nullptr);
     for (void *o : std::initializer_list<void *>{v, source, target, a, b, stored, probe}) Object_Destroy(o);
     free(c1);
     free(c2);
@@ -86,7 +88,8 @@ TEST(Vector, AssertionsAndFailuresAreSurvived) {
         for (const char *text : {"v->bSynchronized", "index < v->size", "0 <= index && index < v->size",
                                  "v->data[0]->ftbl->Compare!=NULL", "v != NULL"})
             EXPECT_TRUE(test::HasReport(log, text, "vector")) << text << "\n" << log;
-        EXPECT_EQ(test::Count(log, "Assertion failed") * 10 + test::Count(log, "Unable to allocate ObjectVector vec\n"), 51);
+        EXPECT_EQ(test::Count(log, "Assertion failed"), 5);
+        EXPECT_EQ(test::Count(log, "Unable to allocate ObjectVector vec\n"), 1) << "none for the array";
 
         ASSERT_EQ(Vector_SetSynchronized(v, 1), 0);
         for (int i = 1; i < 10; i++) Vector_Add(v, e);
@@ -94,13 +97,15 @@ TEST(Vector, AssertionsAndFailuresAreSurvived) {
         test::FailAllocation(1);
         EXPECT_EQ(Vector_Add(v, e), nullptr);
         // Capacity stays raised, the array stays, and the lock is still held...
-        EXPECT_EQ(v->capacity * 10 + v->mutex->spinCount, 201);
+        EXPECT_EQ(v->capacity, 20);
+        EXPECT_EQ(v->mutex->spinCount, 1);
         EXPECT_EQ(v->data, before);
         Vector_Unlock(v);
         // ...and the next adds grow the array to that capacity instead of writing past it.
         EXPECT_EQ(Vector_Add(v, e), e);
         EXPECT_EQ(Vector_Add(v, nullptr), nullptr);
-        EXPECT_EQ(v->capacity * 100 + Vector_Length(v), 2012);
+        EXPECT_EQ(v->capacity, 20);
+        EXPECT_EQ(Vector_Length(v), 12);
         Vector_SetOwnsElements(v, 0);  // leaves the lock held twice
         EXPECT_EQ(v->mutex->spinCount, 2);
         Vector_Unlock(v);
@@ -125,10 +130,10 @@ void *AddAndRemove(void *arg) {
 TEST(Vector, SynchronisedVectorUnderSeveralThreads) {
     Vector *v = Vector_NewOwning();
     ASSERT_EQ(Vector_SetSynchronized(v, 1), 0);
-    Thread threads[4];
+    Thread threads[8];
     for (auto &t : threads) Thread_CreateJoinable(&t, AddAndRemove, v);
     for (auto &t : threads) Thread_Join(t);
-    EXPECT_EQ(Vector_Length(v), 4 * 101);
+    EXPECT_EQ(Vector_Length(v), 8 * 101);
     EXPECT_EQ(v->mutex->spinCount, 0);
     Vector_Free(v);
 }

@@ -440,7 +440,8 @@ void String_ChompNewlines(String *s) {
 int32_t String_Wrap(String *s, int32_t width) { return String_WrapEx(s, width, width, nullptr); }
 
 int32_t String_WrapEx(String *s, int32_t firstWidth, int32_t width, const char *indent) {
-    if (!Usable(s) || !s->bIsSet || !s->string) return 0;
+    if (!Usable(s)) return -1;
+    if (!s->bIsSet || !s->string) return 0;
     Scoped<String> out(String_New());
     if (!out) return -2;
     String *o = out.get();
