@@ -9,11 +9,6 @@ bool Packable(char c) { return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') 
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    QuietLog();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FuzzedDataProvider in(data, size);
     const int32_t index = in.ConsumeIntegralInRange<int32_t>(-2, 12);

@@ -34,11 +34,6 @@ void SetIsWhole(const ObjectSet *set) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    QuietLog();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FuzzedDataProvider in(data, size);
     Vector *vector = Vector_NewOwning(), *keep = Vector_NewOwning();  // keep: the set's objects

@@ -54,11 +54,6 @@ std::string SplitJoined(const char *separator, Split split) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int *, char ***) {
-    QuietLog();
-    return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     FuzzedDataProvider in(data, size);
     const char separator = static_cast<char>(in.ConsumeIntegralInRange<int>(1, 255));
