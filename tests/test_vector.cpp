@@ -77,8 +77,6 @@ TEST(Vector, AssertionsAndFailuresAreSurvived) {
         Vector_Add(v, e);
         Vector_Sort(v);  // EventObject has no Compare
         Vector_Free(nullptr);
-        test::FailAllocation(1);
-        EXPECT_EQ(Vector_New(), nullptr);
         test::FailAllocation(2);
         EXPECT_EQ(Vector_NewOwning(), nullptr);  // the array: no message
         test::FailAllocation(1);
@@ -89,7 +87,7 @@ TEST(Vector, AssertionsAndFailuresAreSurvived) {
                                  "v->data[0]->ftbl->Compare!=NULL", "v != NULL"})
             EXPECT_TRUE(test::HasReport(log, text, "vector")) << text << "\n" << log;
         EXPECT_EQ(test::Count(log, "Assertion failed"), 5);
-        EXPECT_EQ(test::Count(log, "Unable to allocate ObjectVector vec\n"), 1) << "none for the array";
+        EXPECT_EQ(test::Count(log, "Unable to allocate ObjectVector vec\n"), 0) << "none for the array";
 
         ASSERT_EQ(Vector_SetSynchronized(v, 1), 0);
         for (int i = 1; i < 10; i++) Vector_Add(v, e);
