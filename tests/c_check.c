@@ -20,6 +20,10 @@ int main(void) {
     ref = ErrorStore_Register(Error_NewInternal("from %s", "C"));
     failures += !ErrorStore_IsError(ref);
     Error_Free(ErrorStore_Take(ref));
+#if VOKT_VERSION_NUMBER < 10000
+#error "the version macros are missing"
+#endif
+    failures += Runtime_VersionNumber() != VOKT_VERSION_NUMBER;
     printf("c_check: %s\n", failures ? "FAILED" : "ok");
     return failures != 0;
 }

@@ -2,7 +2,7 @@
 # Compiles every ```c block of the README as strict C11 against the built library and
 # runs it in a scratch directory, so that the samples stay true.
 set -eu
-root="$1"; libdir="$2"
+root="$1"; libdir="$2"; generated="$3"
 tmp=$(mktemp -d); trap 'rm -rf "$tmp"' EXIT
 awk -v dir="$tmp" '
   /^```c$/ { n++; file = dir "/sample" n ".c"; inside = 1; next }
@@ -13,7 +13,7 @@ count=0
 for sample in "$tmp"/sample*.c; do
   [ -e "$sample" ] || continue
   count=$((count + 1))
-  cc -std=c11 -Wall -Wextra -Wpedantic -Werror -I"$root" "$sample" -L"$libdir" -lvokt -Wl,-rpath,"$libdir" \
+  cc -std=c11 -Wall -Wextra -Wpedantic -Werror -I"$root" -I"$generated" "$sample" -L"$libdir" -lvokt -Wl,-rpath,"$libdir" \
      -o "${sample%.c}"
   (cd "$tmp" && "${sample%.c}" >/dev/null)
 done

@@ -3,6 +3,7 @@
 #define VOKT_VOKT_H
 
 #include "vokt/core/api.h"
+#include "vokt/core/vokt_version.h"
 #include "vokt/core/memory.h"
 #include "vokt/core/object.h"
 #include "vokt/core/memblock.h"

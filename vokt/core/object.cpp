@@ -6,6 +6,7 @@
 #include <string.h>
 #include <time.h>
 
+#include "vokt/core/vokt_version.h"
 #include "vokt/diag/error.h"
 #include "vokt/diag/log.h"
 #include "vokt/internal/alloc.h"
@@ -75,6 +76,10 @@ void Object_Destroy(void *object) {
     const ClassDescriptor *cls = static_cast<Object *>(object)->ftbl;
     if (cls && cls->Destroy) cls->Destroy(object);
 }
+
+int32_t Runtime_VersionNumber(void) { return VOKT_VERSION_NUMBER; }
+
+const char *Runtime_VersionString(void) { return VOKT_VERSION_STRING; }
 
 // Start-up runs once per process; later calls, from any thread, return at once (after
 // the first call has finished).

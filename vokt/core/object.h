@@ -34,6 +34,10 @@ VOKT_API EventObject *EventObject_New(uint64_t value);
 VOKT_API int32_t EventObject_Equals(const EventObject *a, const EventObject *b);
 /* (extension) Destroys any runtime object through its descriptor; NULL is ignored. */
 VOKT_API void Object_Destroy(void *object);
+/* (extension) The version of the library actually loaded, as VOKT_VERSION_NUMBER and
+ * VOKT_VERSION_STRING give it for the headers a program was built with. */
+VOKT_API int32_t Runtime_VersionNumber(void);
+VOKT_API const char *Runtime_VersionString(void);
 /* Start-up routine: initialises the error-store and log mutexes and seeds rand(). It runs
  * once per process: later calls, from any thread, wait for the first to finish and then
  * do nothing. */
