@@ -164,11 +164,10 @@ void *ObjectSet_RemoveAny(ObjectSet *set) {
 
 int32_t ObjectSet_AddVector(ObjectSet *set, Vector *vector) {
     VOKT_ASSERT_OR_RETURN(set != NULL && vector != NULL, -1);
-    const bool locked = vector->bSynchronized != 0;
-    const int64_t count = locked ? Vector_Length(vector) : vector->size;
-    const auto getAt = vokt::VectorSlots(vector)->GetAt;
+    const vokt::VectorReader read(vector);
+    const int64_t count = read.Length();
     for (int64_t i = 0; i < count; i++) {
-        void *element = locked ? getAt(vector, i) : vector->data[i];
+        void *element = read.At(i);
         // A failure ends the copy, and the result stays 0: callers have always read it so.
         if (ObjectSet_Add(set, element, nullptr) != 0) break;
     }

@@ -59,10 +59,10 @@ int32_t StringBag_Add(StringBag *bag, const char *text, uint32_t count) {
     VOKT_ASSERT_OR_RETURN(bag != NULL, -1);
     VOKT_ASSERT_OR_RETURN(text != NULL, -1);
     Vector *v = bag->elements;
-    const bool locked = v->bSynchronized != 0;
+    const vokt::VectorReader read(v);
     // Newest first: recently added texts are the likeliest to come again.
-    for (int64_t i = (locked ? Vector_Length(v) : v->size) - 1; i >= 0; i--) {
-        auto *e = static_cast<StringBagElem *>(locked ? Vector_GetAt(v, i) : static_cast<void *>(v->data[i]));
+    for (int64_t i = read.Length() - 1; i >= 0; i--) {
+        auto *e = static_cast<StringBagElem *>(read.At(i));
         if (e && strcasecmp(TextOf(e), text) == 0) {
             e->count += count;
             return 0;

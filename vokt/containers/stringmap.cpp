@@ -20,7 +20,8 @@ const ClassDescriptor kStringMapClass = {
     nullptr,           nullptr,     nullptr,
 };
 
-char *CopyText(const char *text) {
+// A copy of text in memory of its own.
+char *Duplicate(const char *text) {
     const size_t n = strlen(text) + 1;
     char *copy = static_cast<char *>(vokt::Alloc(n));
     if (copy) memcpy(copy, text, n);
@@ -101,7 +102,7 @@ int32_t StringMap_Set(StringMap *map, const char *key, const char *value) {
     if (found >= 0) {
         StringMapEntry &entry = map->entries[found];
         if (value) {
-            char *copy = CopyText(value);
+            char *copy = Duplicate(value);
             if (!copy) return -2;
             vokt::Free(entry.value);
             entry.value = copy;
@@ -122,8 +123,8 @@ int32_t StringMap_Set(StringMap *map, const char *key, const char *value) {
         if (!Resize(map, capacity)) return -2;
     }
     // Both copies are made before anything moves, so a failure leaves the map as it was.
-    char *keyCopy = CopyText(key);
-    char *valueCopy = keyCopy ? CopyText(value) : nullptr;
+    char *keyCopy = Duplicate(key);
+    char *valueCopy = keyCopy ? Duplicate(value) : nullptr;
     if (!valueCopy) {
         vokt::Free(keyCopy);
         return -2;
@@ -164,8 +165,8 @@ int32_t StringMap_Assign(StringMap *dst, const StringMap *src) {
     StringMap_Clear(dst);
     if (src->count > dst->capacity && !Resize(dst, src->capacity)) return -2;
     for (int32_t i = 0; i < src->count; i++) {
-        char *key = CopyText(src->entries[i].key);
-        char *value = key ? CopyText(src->entries[i].value) : nullptr;
+        char *key = Duplicate(src->entries[i].key);
+        char *value = key ? Duplicate(src->entries[i].value) : nullptr;
         if (!value) {
             vokt::Free(key);
             return -2;

@@ -164,7 +164,8 @@ constexpr NetErrorText kNetErrors[] = {
     {115, "EINPROGRESS", "", 50},
 };
 
-void CopyText(char *out, int32_t length, const char *text) {
+// Copies at most length bytes of text into out; the last byte is always a terminator.
+void CopyBounded(char *out, int32_t length, const char *text) {
     if (!out || length <= 0) return;
     strncpy(out, text, static_cast<size_t>(length));
     out[length - 1] = '\0';
@@ -358,11 +359,11 @@ void NetError_Describe(int32_t number, char *name, int32_t nameLength, char *tex
     const char *foundName = found ? found->name : "";
     if (name && nameLength > 0) {
         if (foundName[0] != '\0')
-            CopyText(name, nameLength, foundName);
+            CopyBounded(name, nameLength, foundName);
         else
             snprintf(name, static_cast<size_t>(nameLength), "%d", number);
     }
-    CopyText(text, textLength, found ? found->text : "");
+    CopyBounded(text, textLength, found ? found->text : "");
     if (level) *level = found ? found->level : 50;
 }
 

@@ -62,6 +62,39 @@ void ReadEnvironment() {
     if (g_configuredLevel > Threshold()) SetThreshold(g_configuredLevel);
 }
 
+// A stdio file closed, and a block released, when the scope ends.
+class File {
+public:
+    explicit File(FILE *f) : f_(f) {}
+    ~File() { Close(); }
+    operator FILE *() const { return f_; }
+    void Close() {
+        if (f_) fclose(f_);
+        f_ = nullptr;
+    }
+    File(const File &) = delete;
+    File &operator=(const File &) = delete;
+
+private:
+    FILE *f_;
+};
+
+class Buffer {
+public:
+    explicit Buffer(void *p) : p_(static_cast<char *>(p)) {}
+    ~Buffer() { Release(); }
+    operator char *() const { return p_; }
+    void Release() {
+        vokt::Free(p_);
+        p_ = nullptr;
+    }
+    Buffer(const Buffer &) = delete;
+    Buffer &operator=(const Buffer &) = delete;
+
+private:
+    char *p_;
+};
+
 // Cuts the file back to the whole lines of its newest half once it outgrows the limit;
 // looked at no more than once a minute. Failures leave the file as it is, unreported.
 void CheckSize() {
@@ -80,44 +113,27 @@ void CheckSize() {
     const int32_t limit = static_cast<int32_t>(static_cast<int64_t>(g_maxSizeKB) * 1024);
     if (size <= limit) return;
 
-    FILE *in = fopen(path, "rbe");
-    if (!in) return;
-    if (fseek(in, -static_cast<long>(limit / 2), SEEK_END) != 0) {
-        fclose(in);
-        return;
-    }
+    // Every way out closes what is open and releases the kept bytes.
+    File in(fopen(path, "rbe"));
+    if (!in || fseek(in, -static_cast<long>(limit / 2), SEEK_END) != 0) return;
     int c;
     while ((c = fgetc(in)) != EOF && c != '\n') {
     }
     const long start = ftell(in);
-    if (c == EOF || start < 0 || fseek(in, 0, SEEK_END) != 0) {
-        fclose(in);
-        return;
-    }
+    if (c == EOF || start < 0 || fseek(in, 0, SEEK_END) != 0) return;
     const long keep = ftell(in) - start;
-    if (keep <= 0 || fseek(in, start, SEEK_SET) != 0) {
-        fclose(in);
-        return;
-    }
-    char *kept = static_cast<char *>(vokt::Alloc(static_cast<size_t>(keep)));
-    if (!kept || fread(kept, 1, static_cast<size_t>(keep), in) != static_cast<size_t>(keep)) {
-        vokt::Free(kept);
-        fclose(in);
-        return;
-    }
-    fclose(in);
-    FILE *out = fopen(path, "wbe");
-    if (!out) {
-        vokt::Free(kept);
-        return;
-    }
+    if (keep <= 0 || fseek(in, start, SEEK_SET) != 0) return;
+    Buffer kept(vokt::Alloc(static_cast<size_t>(keep)));
+    if (!kept || fread(kept, 1, static_cast<size_t>(keep), in) != static_cast<size_t>(keep)) return;
+    in.Close();
+    File out(fopen(path, "wbe"));
+    if (!out) return;
     fwrite(kept, 1, static_cast<size_t>(keep), out);
-    vokt::Free(kept);
+    kept.Release();
     // The notice goes out before the rewritten file is closed. The kept lines are flushed
     // first so that the notice lands after them rather than under them.
     fflush(out);
     Log_Write(25, "Logfile truncated from %ld bytes to %ld bytes", static_cast<long>(size), keep);
-    fclose(out);
 }
 
 // Appends one line with a single write; ten attempts to open, with short pauses.

@@ -12,6 +12,20 @@ extern const VectorDescriptor kVectorClass;
 inline const VectorDescriptor *VectorSlots(const Vector *v) {
     return reinterpret_cast<const VectorDescriptor *>(v->ftbl);
 }
+
+// How other modules read a Vector they walk: a synchronised one through Vector_Length and
+// its GetAt slot (each read under its lock), an unsynchronised one directly. Whether it is
+// synchronised is read once, when the walk starts.
+class VectorReader {
+public:
+    explicit VectorReader(Vector *v) : v_(v), locked_(v->bSynchronized != 0) {}
+    int64_t Length() const { return locked_ ? Vector_Length(v_) : v_->size; }
+    void *At(int64_t index) const { return locked_ ? VectorSlots(v_)->GetAt(v_, index) : v_->data[index]; }
+
+private:
+    Vector *v_;
+    bool locked_;
+};
 }  // namespace vokt
 
 #endif

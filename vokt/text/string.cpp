@@ -552,10 +552,9 @@ int32_t String_SplitChars(const char *text, char c, Vector *vector) {
 
 int32_t String_Join(Vector *vector, const char *separator, String *out) {
     VOKT_ASSERT_OR_RETURN(vector != NULL, -1);
-    const bool locked = vector->bSynchronized != 0;
-    const int64_t count = locked ? Vector_Length(vector) : vector->size;
-    const auto getAt = vokt::VectorSlots(vector)->GetAt;
-    auto elementAt = [&](int64_t i) { return static_cast<const String *>(locked ? getAt(vector, i) : vector->data[i]); };
+    const vokt::VectorReader read(vector);
+    const int64_t count = read.Length();
+    auto elementAt = [&](int64_t i) { return static_cast<const String *>(read.At(i)); };
     if (!separator) separator = "";
     // When out is also the separator or an element, the text is built aside and handed
     // over at the end, so that every piece is read as it was before the call.
