@@ -13,7 +13,7 @@ FUZZ_TARGETS := text stream containers codename version date
 COVERAGE_LINES ?= 95
 COVERAGE_BRANCHES ?= 85
 
-.PHONY: all deps test run sanitize tsan fuzz coverage bench install clean
+.PHONY: all deps test run sanitize tsan fuzz coverage abi-check abi-baseline bench install clean
 
 all: deps
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVOKT_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
@@ -78,6 +78,18 @@ coverage: deps
 	@gcovr -r . --object-directory build-cov --filter 'vokt/' --exclude-unreachable-branches --exclude-throw-branches \
 	  --txt build-cov/coverage.txt --fail-under-line $(COVERAGE_LINES) --fail-under-branch $(COVERAGE_BRANCHES) \
 	  --print-summary; status=$$?; cat build-cov/coverage.txt; exit $$status
+
+# The built library against the committed ABI baseline of its SONAME (abi/); additions
+# pass, anything else fails. abi-baseline records a new baseline, for a new SONAME.
+abi-check: all
+	@cmake/install-deps.sh abigail-tools
+	@abi/check.sh $(BUILD)/libvokt.so abi
+
+abi-baseline: all
+	@cmake/install-deps.sh abigail-tools
+	@soname=$$(objdump -p $(BUILD)/libvokt.so | awk '$$1 == "SONAME" {print $$2}'); \
+	abidw --headers-dir vokt --headers-dir $(BUILD)/generated/vokt --no-corpus-path --no-show-locs \
+	  --out-file abi/$$soname.abi $(BUILD)/libvokt.so && echo "wrote abi/$$soname.abi"
 
 bench: deps
 	@cmake -S . -B $(BUILD) -DVOKT_BUILD_BENCH=ON >/dev/null
