@@ -13,7 +13,7 @@ FUZZ_TARGETS := text stream containers codename version date
 COVERAGE_LINES ?= 95
 COVERAGE_BRANCHES ?= 85
 
-.PHONY: all deps test run sanitize tsan fuzz coverage abi-check abi-baseline bench install clean
+.PHONY: all deps test run sanitize tsan fuzz coverage abi-check abi-baseline package bench install clean
 
 all: deps
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVOKT_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
@@ -95,6 +95,11 @@ bench: deps
 	@cmake -S . -B $(BUILD) -DVOKT_BUILD_BENCH=ON >/dev/null
 	@cmake --build $(BUILD) -j$(JOBS)
 	@for b in $(BUILD)/bench/bench_*; do [ -x "$$b" ] && "$$b" --benchmark_format=json --benchmark_out=$$b.json || exit 1; done
+
+# The .tar.gz and the Debian packages (libvokt1, libvokt-dev) under $(BUILD)/packages.
+package: all
+	@mkdir -p $(BUILD)/packages
+	@cd $(BUILD)/packages && cpack --config ../CPackConfig.cmake | grep -E 'generated'
 
 install: all
 	@cmake --install $(BUILD) --prefix $(PREFIX)

@@ -1,19 +1,44 @@
 #!/bin/sh
-# Installs the built library into a temporary prefix, then builds and runs a C consumer
-# (pkg-config, cc) and a C++ consumer (CMake find_package, c++) against it.
+# Builds and runs a C consumer (pkg-config, cc) and a C++ consumer (CMake find_package,
+# c++) against vokt as a user gets it: installed into a temporary prefix ('install'), or
+# unpacked from the Debian packages and the .tar.gz that 'make package' makes ('package').
 set -eu
-build="$1"; tests="$2"
+mode="$1"; build="$2"; tests="$3"
 tmp=$(mktemp -d); trap 'rm -rf "$tmp"' EXIT
-cmake --install "$build" --prefix "$tmp/prefix" >/dev/null
-test -f "$tmp/prefix/include/vokt/vokt.h" && test ! -e "$tmp/prefix/include/vokt/internal"
-test -L "$tmp/prefix/lib/libvokt.so" && test -e "$tmp/prefix/lib/libvokt.so.1" && test -f "$tmp/prefix/lib/libvokt.a"
 
-export PKG_CONFIG_PATH="$tmp/prefix/lib/pkgconfig"
-cc -std=c11 -Wall -Wextra -Wpedantic -Werror "$tests/c_check.c" $(pkg-config --cflags --libs vokt) \
-   -Wl,-rpath,"$tmp/prefix/lib" -o "$tmp/hello_c"
-"$tmp/hello_c" | grep -qx "c_check: ok"
+consume() {  # prefix
+  prefix="$1"
+  for file in include/vokt/vokt.h include/vokt/core/vokt_version.h lib/libvokt.so.1 lib/libvokt.a; do
+    test -e "$prefix/$file" || { echo "missing: $file"; exit 1; }
+  done
+  test -L "$prefix/lib/libvokt.so" || { echo "missing: the link name lib/libvokt.so"; exit 1; }
+  test ! -e "$prefix/include/vokt/internal" || { echo "private headers installed"; exit 1; }
+  PKG_CONFIG_PATH="$prefix/lib/pkgconfig" cc -std=c11 -Wall -Wextra -Wpedantic -Werror "$tests/c_check.c" \
+    $(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --cflags --libs vokt) -Wl,-rpath,"$prefix/lib" -o "$tmp/hello_c"
+  "$tmp/hello_c" | grep -qx "c_check: ok"
+  rm -rf "$tmp/cxx"
+  cmake -S "$tests/consumers/cxx" -B "$tmp/cxx" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
+  cmake --build "$tmp/cxx" >/dev/null
+  "$tmp/cxx/hello" | grep -qx "hello-from-C++"
+}
 
-cmake -S "$tests/consumers/cxx" -B "$tmp/cxx" -DCMAKE_PREFIX_PATH="$tmp/prefix" >/dev/null
-cmake --build "$tmp/cxx" >/dev/null
-"$tmp/cxx/hello" | grep -qx "hello-from-C++"
-echo "installed, and both consumers built and ran"
+if [ "$mode" = install ]; then
+  cmake --install "$build" --prefix "$tmp/prefix" >/dev/null
+  consume "$tmp/prefix"
+  echo "installed, and both consumers built and ran"
+  exit 0
+fi
+
+(cd "$tmp" && cpack --config "$build/CPackConfig.cmake" >/dev/null)
+runtime=$(ls "$tmp"/libvokt1_*.deb)
+dev=$(ls "$tmp"/libvokt-dev_*.deb)
+archive=$(ls "$tmp"/vokt-*.tar.gz)
+# The runtime package holds the shared library only; the rest is in the development one.
+dpkg-deb -c "$runtime" | grep -q 'usr/lib/libvokt.so.1 '
+if dpkg-deb -c "$runtime" | grep -q -e 'include/' -e '\.a$'; then echo "development files in $runtime"; exit 1; fi
+dpkg-deb -f "$dev" Depends | grep -q '^libvokt1 ('
+for deb in "$runtime" "$dev"; do dpkg-deb -x "$deb" "$tmp/root"; done
+consume "$tmp/root/usr"
+mkdir "$tmp/unpacked" && tar -xzf "$archive" -C "$tmp/unpacked"
+consume "$(ls -d "$tmp"/unpacked/vokt-*)/usr"
+echo "packages made, and both consumers built and ran against the Debian packages and the archive"
