@@ -13,7 +13,7 @@ FUZZ_TARGETS := text stream containers codename version date
 COVERAGE_LINES ?= 95
 COVERAGE_BRANCHES ?= 85
 
-.PHONY: all deps test run sanitize tsan fuzz coverage abi-check abi-baseline package bench install clean
+.PHONY: all deps test run sanitize tsan fuzz coverage lint abi-check abi-baseline package bench install clean
 
 all: deps
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVOKT_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
@@ -78,6 +78,15 @@ coverage: deps
 	@gcovr -r . --object-directory build-cov --filter 'vokt/' --exclude-unreachable-branches --exclude-throw-branches \
 	  --txt build-cov/coverage.txt --fail-under-line $(COVERAGE_LINES) --fail-under-branch $(COVERAGE_BRANCHES) \
 	  --print-summary; status=$$?; cat build-cov/coverage.txt; exit $$status
+
+# clang-tidy (the checks in .clang-tidy) and cppcheck over the library; any finding fails.
+lint: deps
+	@cmake/install-deps.sh clang-tidy cppcheck
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_EXPORT_COMPILE_COMMANDS=ON >/dev/null
+	@run-clang-tidy -quiet -p $(BUILD) '$(CURDIR)/vokt/' 2>&1 | grep -vE '^(clang-tidy|[0-9]+ warnings? generated|Suppressed|Use -header-filter|Enabled checks)' ; \
+	  test $${PIPESTATUS[0]} -eq 0 && echo "clang-tidy: clean"
+	@cppcheck --enable=warning,performance,portability --std=c++20 --language=c++ -I . -I $(BUILD)/generated \
+	  --quiet --inline-suppr --error-exitcode=1 vokt/ && echo "cppcheck: clean"
 
 # The built library against the committed ABI baseline of its SONAME (abi/); additions
 # pass, anything else fails. abi-baseline records a new baseline, for a new SONAME.

@@ -48,14 +48,16 @@ void SetThreshold(int32_t level) { __atomic_store_n(&g_threshold, level, __ATOMI
 const char *LogPath() { return g_logPath && g_logPath->string ? g_logPath->string : kDefaultPath; }
 
 void ReadEnvironment() {
-    const char *debug = getenv("VOKT_DEBUG");
-    const char *logging = getenv("VOKT_LOGGING");
+    // Read under the log mutex; the runtime never changes its own environment.
+    const char *debug = getenv("VOKT_DEBUG");      // NOLINT(concurrency-mt-unsafe)
+    const char *logging = getenv("VOKT_LOGGING");  // NOLINT(concurrency-mt-unsafe)
     if (debug && debug[0] != '\0') {
         g_configuredLevel = 100;
         g_echoStderr = 1;
         if (strcmp(debug, "1") != 0) vokt::DropError(Log_SetFile(debug));
     } else if (logging) {
-        g_configuredLevel = static_cast<int32_t>(atol(logging));
+        // Text that is not a number means level 0, as atol has always read it.
+        g_configuredLevel = static_cast<int32_t>(atol(logging));  // NOLINT(cert-err34-c)
     } else {
         g_configuredLevel = 0;
     }
@@ -230,7 +232,8 @@ int32_t Log_WriteV(int32_t level, const char *format, va_list args) {
     char *tail = prefix + stamp;
     const size_t room = sizeof prefix - static_cast<size_t>(stamp);
     if (Threshold() >= 100)
-        snprintf(tail, room, " t%p : ", reinterpret_cast<void *>(Thread_GetCurrentThreadID()));
+        // The thread identifier is printed as the pointer it is on this platform.
+        snprintf(tail, room, " t%p : ", reinterpret_cast<void *>(Thread_GetCurrentThreadID()));  // NOLINT(performance-no-int-to-ptr)
     else
         snprintf(tail, room, ": ");
     prefix[kPrefixLimit] = '\0';

