@@ -13,7 +13,7 @@ FUZZ_TARGETS := text stream containers codename version date
 COVERAGE_LINES ?= 95
 COVERAGE_BRANCHES ?= 85
 
-.PHONY: all deps test run sanitize tsan fuzz coverage lint abi-check abi-baseline package bench install clean
+.PHONY: all deps test run sanitize tsan fuzz coverage lint docs abi-check abi-baseline package bench install clean
 
 all: deps
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVOKT_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
@@ -78,6 +78,13 @@ coverage: deps
 	@gcovr -r . --object-directory build-cov --filter 'vokt/' --exclude-unreachable-branches --exclude-throw-branches \
 	  --txt build-cov/coverage.txt --fail-under-line $(COVERAGE_LINES) --fail-under-branch $(COVERAGE_BRANCHES) \
 	  --print-summary; status=$$?; cat build-cov/coverage.txt; exit $$status
+
+# The HTML reference (and man pages) from the public headers and the README, under
+# $(BUILD)/docs; an undocumented public function, type, field or macro fails it.
+docs: deps
+	@cmake/install-deps.sh doxygen
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	@rm -rf $(BUILD)/docs && doxygen $(BUILD)/Doxyfile && echo "reference: $(BUILD)/docs/html/index.html"
 
 # clang-tidy (the checks in .clang-tidy) and cppcheck over the library; any finding fails.
 lint: deps

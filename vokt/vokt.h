@@ -1,4 +1,6 @@
-/* vokt: umbrella header; includes every public header of the runtime. */
+/** @file
+ * Umbrella header; includes every public header of the runtime.
+ */
 #ifndef VOKT_VOKT_H
 #define VOKT_VOKT_H
 

@@ -1,4 +1,6 @@
-/* vokt: Vector, the growable (optionally owning, optionally synchronised) object array. */
+/** @file
+ * Vector, the growable (optionally owning, optionally synchronised) object array.
+ */
 #ifndef VOKT_CONTAINERS_VECTOR_H
 #define VOKT_CONTAINERS_VECTOR_H
 
@@ -11,62 +13,73 @@
 extern "C" {
 #endif
 
+/** A linearly growing array of object pointers (capacity 10, then +10 at a time), optionally
+ *  owning its elements and optionally guarded by its own recursive mutex. Unsynchronised, one
+ *  thread at a time; synchronised, every operation runs under the mutex. */
 typedef struct Vector {
-    const ClassDescriptor *ftbl;
-    int64_t size;
-    int64_t capacity;
-    int64_t growBy;
-    int32_t bSynchronized;
-    Mutex *mutex;
-    int32_t bOwnsElements;
-    Object **data;
+    const ClassDescriptor *ftbl; /**< The Vector descriptor (a VectorDescriptor). */
+    int64_t size; /**< Number of elements in use. */
+    int64_t capacity; /**< Element slots in data (raised even when a growth failed). */
+    int64_t growBy; /**< Slots added by each growth; 10. */
+    int32_t bSynchronized; /**< Nonzero: every operation locks mutex. */
+    Mutex *mutex; /**< The vector's own recursive mutex, made when first synchronised. */
+    int32_t bOwnsElements; /**< Nonzero: Vector_Clear and Vector_Free destroy the elements. */
+    Object **data; /**< The elements. One hidden word before data[0] holds the number of slots really
+ *  allocated; never free data yourself. */
 } Vector;
 
+/** The Vector class descriptor: the generic slots, then the Vector operations that other
+ *  modules call through it. */
 typedef struct VectorDescriptor {
-    ClassDescriptor base;
-    void *(*GetAt)(Vector *v, int64_t index);            /* slot 6  */
-    void (*SetAt)(Vector *v, int64_t index, void *obj); /* slot 7  */
-    void *(*Add)(Vector *v, void *obj);                  /* slot 8  */
-    int32_t (*AddAll)(Vector *target, Vector *source);   /* slot 9  */
-    void *(*Remove)(Vector *v, void *probe);             /* slot 10 */
-    void *(*RemoveAt)(Vector *v, int64_t index);         /* slot 11 */
-    void *(*RemoveIdentical)(Vector *v, void *obj);      /* slot 12 */
-    int32_t (*Contains)(Vector *v, void *probe);         /* slot 13 */
+    ClassDescriptor base; /**< The generic slots (Destroy is Vector_Free). */
+    void *(*GetAt)(Vector *v, int64_t index); /**< Slot 6: Vector_GetAt. */
+    void (*SetAt)(Vector *v, int64_t index, void *obj); /**< Slot 7: Vector_SetAt. */
+    void *(*Add)(Vector *v, void *obj); /**< Slot 8: Vector_Add. */
+    int32_t (*AddAll)(Vector *target, Vector *source); /**< Slot 9: Vector_AddAll. */
+    void *(*Remove)(Vector *v, void *probe); /**< Slot 10: Vector_Remove. */
+    void *(*RemoveAt)(Vector *v, int64_t index); /**< Slot 11: Vector_RemoveAt. */
+    void *(*RemoveIdentical)(Vector *v, void *obj); /**< Slot 12: Vector_RemoveIdentical. */
+    int32_t (*Contains)(Vector *v, void *probe); /**< Slot 13: Vector_Contains. */
 } VectorDescriptor;
 
-/* New empty, non-owning, unsynchronised vector (capacity 10, growth 10), or null. */
+/** New empty, non-owning, unsynchronised vector (capacity 10, growth 10), or null. */
 VOKT_API Vector *Vector_New(void);
-/* As Vector_New, but Vector_Clear and Vector_Free destroy the elements. */
+/** As Vector_New, but Vector_Clear and Vector_Free destroy the elements. */
 VOKT_API Vector *Vector_NewOwning(void);
-/* Switches the per-vector recursive lock on or off: 0, or -2 when it cannot be made. */
+/** Switches the per-vector recursive lock on or off: 0, or -2 when it cannot be made. */
 VOKT_API int32_t Vector_SetSynchronized(Vector *v, int32_t flag);
-/* Holds a synchronised vector's lock across several operations. */
+/** Holds a synchronised vector's lock across several operations; on an unsynchronised one it
+ *  reports "v->bSynchronized" and locks nothing. */
 VOKT_API void Vector_Lock(Vector *v);
+/** Releases one level of Vector_Lock (the same report on an unsynchronised vector). */
 VOKT_API void Vector_Unlock(Vector *v);
+/** Number of elements; 0 (reported) for a null vector. */
 VOKT_API int64_t Vector_Length(Vector *v);
-/* Element at index (borrowed), or null for an index outside the vector. */
+/** Element at index (borrowed), or null for an index outside the vector. */
 VOKT_API void *Vector_GetAt(Vector *v, int64_t index);
-/* Overwrites a slot; the old element is never destroyed. */
+/** Overwrites a slot; the old element is never destroyed. */
 VOKT_API void Vector_SetAt(Vector *v, int64_t index, void *obj);
-/* Appends obj and returns it; null when growth failed. */
+/** Appends obj and returns it; null when growth failed, which leaves capacity raised and, on
+ *  a synchronised vector, the lock held once more (release it with Vector_Unlock). */
 VOKT_API void *Vector_Add(Vector *v, void *obj);
-/* Appends every element of source (locked first) to target: 0, or -2. */
+/** Appends every element of source (locked first) to target: 0, or -2. */
 VOKT_API int32_t Vector_AddAll(Vector *target, Vector *source);
-/* Removes and returns the element at index; removal never destroys. */
+/** Removes and returns the element at index; removal never destroys. */
 VOKT_API void *Vector_RemoveAt(Vector *v, int64_t index);
-/* Removes the first element equal to probe and returns the stored one, or null. */
+/** Removes the first element equal to probe and returns the stored one, or null. */
 VOKT_API void *Vector_Remove(Vector *v, void *probe);
-/* Removes the slots holding obj itself; obj when any was removed, else null. */
+/** Removes the slots holding obj itself; obj when any was removed, else null. */
 VOKT_API void *Vector_RemoveIdentical(Vector *v, void *obj);
-/* 1 when an element equals probe (Equals, or byte comparison), else 0. */
+/** 1 when an element equals probe (Equals, or byte comparison), else 0. */
 VOKT_API int32_t Vector_Contains(Vector *v, void *probe);
-/* Sorts with the Compare slot of the element at index 0. */
+/** Sorts (qsort, not stable) with the Compare slot of the element at index 0; reports an
+ *  element without one. */
 VOKT_API void Vector_Sort(Vector *v);
-/* Empties the vector, destroying the elements when it owns them. */
+/** Empties the vector, destroying the elements when it owns them. */
 VOKT_API void Vector_Clear(Vector *v);
-/* Sets ownership. On a synchronised vector the caller keeps its lock held twice. */
+/** Sets ownership. On a synchronised vector the caller keeps its lock held twice. */
 VOKT_API void Vector_SetOwnsElements(Vector *v, int32_t flag);
-/* Clears (destroying owned elements) and frees the vector. */
+/** Clears (destroying owned elements) and frees the vector. */
 VOKT_API void Vector_Free(Vector *v);
 
 #ifdef __cplusplus

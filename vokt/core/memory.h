@@ -1,4 +1,6 @@
-/* vokt: the one allocation layer through which the whole runtime allocates. */
+/** @file
+ * The one allocation layer through which the whole runtime allocates.
+ */
 #ifndef VOKT_CORE_MEMORY_H
 #define VOKT_CORE_MEMORY_H
 
@@ -10,16 +12,17 @@
 extern "C" {
 #endif
 
+/** The allocator every runtime allocation goes through; the C library's by default. */
 typedef struct MemoryFunctions {
-    void *(*Malloc)(size_t size);
-    void *(*Realloc)(void *block, size_t size);
-    void (*Free)(void *block);
+    void *(*Malloc)(size_t size); /**< As malloc: a block, or null. */
+    void *(*Realloc)(void *block, size_t size); /**< As realloc: the block keeps its contents. */
+    void (*Free)(void *block); /**< As free; never called with null. */
 } MemoryFunctions;
 
-/* Replaces the allocator used by every runtime allocation; NULL (or a record with a
+/** Replaces the allocator used by every runtime allocation; NULL (or a record with a
  * null member) restores the C library's. Call it while no runtime object is alive. */
 VOKT_API void Memory_SetFunctions(const MemoryFunctions *functions);
-/* Copies the allocator in force into *out. */
+/** Copies the allocator in force into *out; a null out is ignored. */
 VOKT_API void Memory_GetFunctions(MemoryFunctions *out);
 
 #ifdef __cplusplus

@@ -1,4 +1,6 @@
-/* vokt: class descriptors, the object header, EventObject and the start-up routine. */
+/** @file
+ * Class descriptors, the object header, EventObject and the start-up routine.
+ */
 #ifndef VOKT_CORE_OBJECT_H
 #define VOKT_CORE_OBJECT_H
 
@@ -10,35 +12,47 @@
 extern "C" {
 #endif
 
+/** One static, read-only record per class, shared by every object of the class: containers
+ *  destroy, compare, order and hash objects only through it. Never allocated or freed. */
 typedef struct ClassDescriptor {
-    uint64_t size; /* whole record, ftbl included */
-    const char *name;
+    uint64_t size;    /**< Size in bytes of one object, ftbl included. */
+    const char *name; /**< The class name ("Vector", "String", "Set", ...). */
+    /** Releases what the object owns and then the object; null for none. */
     void (*Destroy)(void *object);
+    /** Nonzero when probe equals stored; searches call the probe's slot. Null: byte or
+     *  identity comparison, as each container says. */
     int32_t (*Equals)(const void *probe, const void *stored);
-    int (*Compare)(const void *pa, const void *pb); /* qsort convention */
+    /** qsort comparator over two element slots (pointers to object pointers); null: the
+     *  class cannot be sorted. */
+    int (*Compare)(const void *pa, const void *pb);
+    /** Signed 32-bit hash; a class stored in an ObjectSet must fill it. */
     int32_t (*Hash)(const void *object);
 } ClassDescriptor;
 
+/** The header every object starts with. */
 typedef struct Object {
-    const ClassDescriptor *ftbl;
+    const ClassDescriptor *ftbl; /**< The object's class descriptor. */
 } Object;
 
+/** An opaque 64-bit value wrapped as an object, so that it can be kept in a Vector. Two are
+ *  equal when their values are; it has no Hash and no Compare. */
 typedef struct EventObject {
-    const ClassDescriptor *ftbl;
-    uint64_t value;
+    const ClassDescriptor *ftbl; /**< The EventObject descriptor. */
+    uint64_t value; /**< The value, chosen by the creator, never interpreted. */
 } EventObject;
 
-/* New EventObject wrapping value; null (and a level-0 log line) when out of memory. */
+/** New EventObject wrapping value; null (and a level-0 log line) when out of memory. */
 VOKT_API EventObject *EventObject_New(uint64_t value);
-/* 1 when both wrap the same value, else 0. */
+/** 1 when both are EventObjects wrapping the same value, else 0 (also for null). */
 VOKT_API int32_t EventObject_Equals(const EventObject *a, const EventObject *b);
-/* (extension) Destroys any runtime object through its descriptor; NULL is ignored. */
+/** (extension) Destroys any runtime object through its descriptor; NULL is ignored. */
 VOKT_API void Object_Destroy(void *object);
-/* (extension) The version of the library actually loaded, as VOKT_VERSION_NUMBER and
- * VOKT_VERSION_STRING give it for the headers a program was built with. */
+/** (extension) The version of the library actually loaded, as VOKT_VERSION_NUMBER gives it
+ * for the headers a program was built with. Any thread. */
 VOKT_API int32_t Runtime_VersionNumber(void);
+/** (extension) The loaded library's version as text ("1.1.0"); static, never freed. */
 VOKT_API const char *Runtime_VersionString(void);
-/* Start-up routine: initialises the error-store and log mutexes and seeds rand(). It runs
+/** Start-up routine: initialises the error-store and log mutexes and seeds rand(). It runs
  * once per process: later calls, from any thread, wait for the first to finish and then
  * do nothing. */
 VOKT_API void Runtime_Init(void);
