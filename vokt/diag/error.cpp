@@ -84,6 +84,37 @@ void ReportLookup(unsigned failed) {
     if (failed & kEmptySlot) Assert_Fail("Vector_GetAt( global_error_store, index ) != NULL", kModule, __LINE__);
 }
 
+// Where ErrorStore_Register put an Error.
+struct Placement {
+    int32_t ref = -2;
+    bool noHole = false;     // the count promised a hole that is not there
+    bool needStore = false;  // there is no store and no spare to install
+};
+
+// Under the store lock: e into the first hole, or at the end. A missing store is replaced
+// by spare (which is then taken); without a spare, nothing is done and a store is asked for.
+Placement Place(Error *e, Vector *&spare) {
+    vokt::MutexGuard lock(&g_storeMutex);
+    if (!global_error_store) {
+        if (!spare) return {-2, false, true};
+        global_error_store = spare;
+        spare = nullptr;
+        g_errorCount = 0;
+    }
+    Vector *store = global_error_store;
+    if (static_cast<uint64_t>(store->size) > g_errorCount) {
+        int64_t i = 0;
+        while (i < store->size && store->data[i]) i++;
+        if (i == store->size) return {-2, true, false};
+        store->data[i] = reinterpret_cast<Object *>(e);
+        g_errorCount++;
+        return {static_cast<int32_t>(i + 1) + ERROR_COMPLEX_BIT, false, false};
+    }
+    if (!Vector_Add(store, e)) return {};
+    g_errorCount++;
+    return {static_cast<int32_t>(store->size) + ERROR_COMPLEX_BIT, false, false};
+}
+
 bool TraceEnabled() {
     const int32_t level = Log_GetLevel();
     return level == 100 || level == -1;
@@ -232,44 +263,19 @@ void Error_Free(Error *e) {
 
 int32_t ErrorStore_Register(Error *e) {
     if (!e || e->bStatic) return -2;
-    bool noHole = false;
-    int32_t ref = -2;
     Vector *spare = nullptr;
-    for (;;) {
-        {
-            vokt::MutexGuard lock(&g_storeMutex);
-            if (!global_error_store && spare) {
-                global_error_store = spare;
-                spare = nullptr;
-                g_errorCount = 0;
-            }
-            if (Vector *store = global_error_store) {
-                if (static_cast<uint64_t>(store->size) > g_errorCount) {
-                    int64_t i = 0;
-                    while (i < store->size && store->data[i]) i++;
-                    if (i < store->size) {
-                        store->data[i] = reinterpret_cast<Object *>(e);
-                        g_errorCount++;
-                        ref = static_cast<int32_t>(i + 1) + ERROR_COMPLEX_BIT;
-                    } else {
-                        noHole = true;
-                    }
-                }
-                if (ref == -2 && !noHole && Vector_Add(store, e)) {
-                    g_errorCount++;
-                    ref = static_cast<int32_t>(store->size) + ERROR_COMPLEX_BIT;
-                }
-                break;
-            }
-        }
+    Placement placed = Place(e, spare);
+    if (placed.needStore) {
         // The store is made outside the lock: a failure here is logged, and the log must
-        // never be entered while the store's lock is held.
+        // never be entered while the store's lock is held. With a spare in hand, the
+        // second placement always completes.
         spare = Vector_NewOwning();
         if (!spare) return -2;
+        placed = Place(e, spare);
     }
-    if (spare) Vector_Free(spare);
-    if (noHole) Assert_Fail("i != -1", kModule, __LINE__);
-    return ref;
+    if (spare) Vector_Free(spare);  // another thread's store came first
+    if (placed.noHole) Assert_Fail("i != -1", kModule, __LINE__);
+    return placed.ref;
 }
 
 int32_t ErrorStore_IsError(int32_t ref) {
