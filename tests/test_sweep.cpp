@@ -18,7 +18,7 @@ struct Fixture {
     String *a = String_New(), *b = String_New(), *probe = String_NewFromChars("probe");
     Vector *v = Vector_NewOwning(), *strings = Vector_NewOwning();
     ObjectSet *set = ObjectSet_New();
-    StringMap *map = StringMap_New(), *other = StringMap_New();
+    StringMap *map = StringMap_New(), *other = StringMap_New(), *big = StringMap_New();
     StringBag *bag = StringBag_New();
     MemBlock *mem = MemBlock_New(16);
     CodeName *code = CodeName_FromName("abc");
@@ -30,6 +30,7 @@ struct Fixture {
         for (const char *t : {"x", "y", "z"}) Vector_Add(strings, String_NewFromChars(t));
         for (int i = 0; i < 10; i++) Vector_Add(v, EventObject_New(i));  // full: the next add grows
         for (const char *k : {"k1", "k2", "k3", "k4"}) StringMap_Set(map, k, "value");
+        for (int i = 0; i < 130; i++) StringMap_Set(big, std::to_string(i).c_str(), "v");
         fputs("first\nsecond\n", file);
         rewind(file);
         lines = Stream_NewFromFile(file);
@@ -38,7 +39,7 @@ struct Fixture {
     }
     ~Fixture() {
         for (void *o : {(void *)s, (void *)a, (void *)b, (void *)probe, (void *)v, (void *)strings, (void *)set,
-                        (void *)map, (void *)other, (void *)bag, (void *)mem, (void *)code, (void *)text, (void *)lines,
+                        (void *)map, (void *)other, (void *)big, (void *)bag, (void *)mem, (void *)code, (void *)text, (void *)lines,
                         (void *)handle})
             Object_Destroy(o);
         fclose(file);
@@ -97,6 +98,7 @@ const std::pair<const char *, Op> kOperations[] = {
     {"String_AppendChar", [](Fixture &f) { return Code(String_AppendChar(f.s, '!')); }},
     {"String_AppendFormatted", [](Fixture &f) { return Code(String_AppendFormatted(f.s, "%d", 7)); }},
     {"String_WrapEx", [](Fixture &f) { return Code(String_WrapEx(f.s, 4, 5, "> ")); }},
+    {"String_Wrap", [](Fixture &f) { return Code(String_Wrap(f.s, 3)); }},
     {"String_SplitAt", [](Fixture &f) { return Code(String_SplitAt(f.s, ' ', f.a, f.b)); }},
     {"String_SplitCommas", [](Fixture &f) { return Code(String_SplitCommas(f.s, f.v)); }},
     {"String_SplitChars", [](Fixture &f) { return Code(String_SplitChars("a:b:c", ':', f.v)); }},
@@ -158,6 +160,11 @@ const std::pair<const char *, Op> kOperations[] = {
     {"StringMap_Set", [](Fixture &f) { return Code(StringMap_Set(f.map, "k5", "grows")); }},
     {"StringMap_Set replace", [](Fixture &f) { return Code(StringMap_Set(f.map, "k1", "other")); }},
     {"StringMap_Assign", [](Fixture &f) { return Code(StringMap_Assign(f.other, f.map)); }},
+    {"StringMap_Clear shrink",
+     [](Fixture &f) {
+         StringMap_Clear(f.big);  // a failed shrink keeps the larger array
+         return StringMap_Length(f.big) == 0 ? kDone : kWrong;
+     }},
     {"StringBag_New", [](Fixture &) { return Made(StringBag_New()); }},
     {"StringBag_Add", [](Fixture &f) { return Code(StringBag_Add(f.bag, "word", 2)); }},
     {"StringBagElem_New", [](Fixture &) { return Made(StringBagElem_New("word", 1)); }},
@@ -166,6 +173,7 @@ const std::pair<const char *, Op> kOperations[] = {
     {"CodeName_FromName", [](Fixture &) { return Made(CodeName_FromName("name")); }},
     {"CodeName_FromWords", [](Fixture &f) { return Made(CodeName_FromWords(f.code->words)); }},
     {"CodeName_ToName", [](Fixture &f) { return CodeOrError(CodeName_ToName(f.code, f.s)); }},
+    {"CodeName_SetBlock outside", [](Fixture &f) { return WantedError(CodeName_SetBlock(f.code->words, 11, 1)); }},
     {"Stream_NewFromString", [](Fixture &) { return Made(Stream_NewFromString("a\nb")); }},
     {"Stream_NewFromFile", [](Fixture &f) { return Made(Stream_NewFromFile(f.file)); }},
     {"Stream_NewFromHandle", [](Fixture &f) { return Made(Stream_NewFromHandle(f.fds[0])); }},
@@ -184,6 +192,7 @@ const std::pair<const char *, Op> kOperations[] = {
     {"Month_ToName unknown", [](Fixture &f) { return WantedError(Month_ToName(13, f.s)); }},
     {"Month_FromName unknown", [](Fixture &) { return WantedError(Month_FromName("Jan")); }},
     {"Log_Write", [](Fixture &) { return Code(Log_Write(0, "line %d", 1)); }},
+    {"Log_Debug", [](Fixture &) { return Log_Debug("trace %d", 1) == 0 ? kDone : kWrong; }},
     {"Log_SetFile",
      [](Fixture &) {
          const Outcome o = CodeOrError(Log_SetFile("other.log"));
