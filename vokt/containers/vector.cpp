@@ -46,6 +46,17 @@ void FreeSlots(Object **data) {
     if (data) vokt::Free(reinterpret_cast<Slots *>(data) - 1);
 }
 
+void *AddChecked(Vector *v, void *obj);
+
+[[gnu::noinline]] void *GetAtChecked(Vector *v, int64_t index) {
+    VOKT_ASSERT_OR_RETURN(v != NULL, nullptr);
+    VectorGuard lock(v);
+    VOKT_ASSERT(v->size==0 || v->data != NULL);
+    VOKT_ASSERT_OR_RETURN(index < v->size, nullptr);
+    if (index < 0) return nullptr;
+    return v->data[index];
+}
+
 Vector *NewVector(int32_t owning) {
     auto *vec = vokt::New<Vector>(&vokt::kVectorClass.base, "ObjectVector vec");
     if (!vec) return nullptr;
@@ -116,12 +127,11 @@ int64_t Vector_Length(Vector *v) {
 }
 
 void *Vector_GetAt(Vector *v, int64_t index) {
-    VOKT_ASSERT_OR_RETURN(v != NULL, nullptr);
-    VectorGuard lock(v);
-    VOKT_ASSERT(v->size==0 || v->data != NULL);
-    VOKT_ASSERT_OR_RETURN(index < v->size, nullptr);
-    if (index < 0) return nullptr;
-    return v->data[index];
+    // The common case in a few instructions; everything else (null, out of range, locked)
+    // takes the checking path with its reports.
+    if (v && !v->bSynchronized && v->data && static_cast<uint64_t>(index) < static_cast<uint64_t>(v->size))
+        return v->data[index];
+    return GetAtChecked(v, index);
 }
 
 void Vector_SetAt(Vector *v, int64_t index, void *obj) {
@@ -134,6 +144,20 @@ void Vector_SetAt(Vector *v, int64_t index, void *obj) {
 }
 
 void *Vector_Add(Vector *v, void *obj) {
+    // Room in an unsynchronised vector: store at once. Growth, locks and reports take the
+    // checking path.
+    if (v && !v->bSynchronized && v->data && v->size < v->capacity && v->size < AllocatedSlots(v)) {
+        v->data[v->size++] = static_cast<Object *>(obj);
+        return obj;
+    }
+    return AddChecked(v, obj);
+}
+
+}  // extern "C"
+
+namespace {
+
+[[gnu::noinline]] void *AddChecked(Vector *v, void *obj) {
     VOKT_ASSERT_OR_RETURN(v != NULL, nullptr);
     VectorGuard lock(v);
     VOKT_ASSERT(v->size==0 || v->data != NULL);
@@ -151,6 +175,10 @@ void *Vector_Add(Vector *v, void *obj) {
     v->data[v->size++] = static_cast<Object *>(obj);
     return obj;
 }
+
+}  // namespace
+
+extern "C" {
 
 int32_t Vector_AddAll(Vector *target, Vector *source) {
     VOKT_ASSERT_OR_RETURN(target != NULL && source != NULL, -1);

@@ -253,9 +253,9 @@ void Mutex_Lock(Mutex *m) {
     if (!m) return;
     if (pthread_mutex_trylock(&m->mutex) != 0) {
         // Only the holder can see its own identifier here, so an unlocked read is enough.
-        if (LoadOwner(m) != Thread_GetCurrentThreadID()) pthread_mutex_lock(&m->mutex);
+        if (LoadOwner(m) != pthread_self()) pthread_mutex_lock(&m->mutex);
     }
-    if (m->spinCount == 0) StoreOwner(m, Thread_GetCurrentThreadID());
+    if (m->spinCount == 0) StoreOwner(m, pthread_self());
     m->spinCount++;
 }
 

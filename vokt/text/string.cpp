@@ -36,6 +36,9 @@ bool Usable(const String *ps) {
     return ps != nullptr;
 }
 
+// A set String with its text: the state in which String_Check has nothing to report.
+inline bool HasText(const String *ps) { return ps && ps->bIsSet && ps->string; }
+
 // Each String is checked (every broken one is reported); true when all can be used.
 bool AllUsable(std::initializer_list<const String *> strings) {
     bool all = true;
@@ -319,6 +322,8 @@ int32_t String_VAppendFormatted(String *s, const char *format, va_list args) {
 }
 
 int32_t String_Equals(const String *a, const String *b) {
+    // Two set Strings with their texts pass every check: compare them at once.
+    if (HasText(a) && HasText(b)) return strcmp(a->string, b->string) == 0 ? 1 : 0;
     const bool usable = AllUsable({a, b});
     if (!usable || !a->bIsSet || !b->bIsSet || !a->string || !b->string) return 0;
     return strcmp(a->string, b->string) == 0 ? 1 : 0;
@@ -340,6 +345,7 @@ int String_Compare(const void *pa, const void *pb) {
 }
 
 int32_t String_Hash(const String *s) {
+    if (HasText(s)) return static_cast<int32_t>(vokt::OneAtATime(s->string, s->length));
     const int32_t length = String_Length(s);
     if (length <= 0 || !s->string) return 0;
     return static_cast<int32_t>(vokt::OneAtATime(s->string, static_cast<size_t>(length)));
