@@ -107,10 +107,13 @@ abi-baseline: all
 	abidw --headers-dir vokt --headers-dir $(BUILD)/generated/vokt --no-corpus-path --no-show-locs \
 	  --out-file abi/$$soname.abi $(BUILD)/libvokt.so && echo "wrote abi/$$soname.abi"
 
+# Each hot path run as vokt, as the bare algorithm and as the peer, side by side; the table
+# of ratios goes to $(BUILD)/bench/ratios.md and .csv, the chart to ratios.png.
 bench: deps
-	@cmake -S . -B $(BUILD) -DVOKT_BUILD_BENCH=ON >/dev/null
+	@cmake/install-deps.sh libbenchmark-dev libglib2.0-dev gnuplot-nox
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVOKT_BUILD_BENCH=ON >/dev/null
 	@cmake --build $(BUILD) -j$(JOBS)
-	@for b in $(BUILD)/bench/bench_*; do [ -x "$$b" ] && "$$b" --benchmark_format=json --benchmark_out=$$b.json || exit 1; done
+	@$(BUILD)/bench/bench_paths --out-dir=$(BUILD)/bench --benchmark_min_time=0.2 $(BENCH_ARGS)
 
 # The .tar.gz and the Debian packages (libvokt1, libvokt-dev) under $(BUILD)/packages.
 package: all

@@ -1,0 +1,647 @@
+// The paths that code built on vokt calls millions of times, each run three ways side by
+// side: vokt, the same algorithm written bare in C here (no library boundary), and the peer
+// a user would otherwise pick (GLib, or pthreads where GLib is not installed). The run ends
+// with one table of ratios, vokt / bare and vokt / peer, written as markdown and CSV (and
+// as a chart when gnuplot is there), and the bytes each container holds per element.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <malloc.h>
+#include <pthread.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <algorithm>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "vokt/vokt.h"
+#ifdef VOKT_BENCH_GLIB
+#include <glib.h>
+#endif
+
+namespace {
+
+// ---- The bare algorithms: what vokt does, without the library around it. ----
+namespace bare {
+
+struct RecursiveMutex {
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_t owner = 0;
+    int depth = 0;
+};
+inline void Lock(RecursiveMutex *m) {
+    if (pthread_mutex_trylock(&m->mutex) != 0 && m->owner != pthread_self()) pthread_mutex_lock(&m->mutex);
+    if (m->depth++ == 0) m->owner = pthread_self();
+}
+inline void Unlock(RecursiveMutex *m) {
+    if (--m->depth == 0) {
+        m->owner = 0;
+        pthread_mutex_unlock(&m->mutex);
+    }
+}
+
+struct Array {  // grows by 10 slots, like Vector
+    void **data = static_cast<void **>(malloc(10 * sizeof(void *)));
+    int64_t size = 0, capacity = 10;
+};
+inline void Add(Array *a, void *p) {
+    if (a->size == a->capacity) a->data = static_cast<void **>(realloc(a->data, (a->capacity += 10) * sizeof(void *)));
+    a->data[a->size++] = p;
+}
+inline void *At(const Array *a, int64_t i) { return i >= 0 && i < a->size ? a->data[i] : nullptr; }
+
+inline uint32_t Hash(const char *s, size_t n) {
+    uint32_t h = 0;
+    for (size_t i = 0; i < n; i++) h += static_cast<unsigned char>(s[i]), h += h << 10, h ^= h >> 6;
+    h += h << 3;
+    h ^= h >> 11;
+    return h + (h << 15);
+}
+
+struct Entry {
+    const char *key;
+    Entry *next;
+};
+struct Set {  // separate chaining, grown when 3/4 of the buckets are occupied, like ObjectSet
+    int32_t count = 8, used = 0;
+    Entry **heads = static_cast<Entry **>(calloc(8, sizeof(Entry *)));
+};
+inline int32_t Bucket(const char *key, int32_t count) {
+    const int32_t h = static_cast<int32_t>(Hash(key, strlen(key)));
+    return (h < 0 ? -h : h) % count;
+}
+inline const char *Find(const Set *s, const char *key) {
+    for (Entry *e = s->heads[Bucket(key, s->count)]; e; e = e->next)
+        if (strcmp(e->key, key) == 0) return e->key;
+    return nullptr;
+}
+inline void Insert(Set *s, const char *key) {
+    Entry **link = &s->heads[Bucket(key, s->count)];
+    const bool empty = *link == nullptr;
+    while (*link && strcmp((*link)->key, key) != 0) link = &(*link)->next;
+    if (!*link) *link = new (malloc(sizeof(Entry))) Entry{key, nullptr}, s->used += empty;
+    if (s->used < s->count * 3 / 4) return;
+    const int32_t old = s->count;
+    s->heads = static_cast<Entry **>(realloc(s->heads, 2 * old * sizeof(Entry *)));
+    memset(s->heads + old, 0, old * sizeof(Entry *));
+    s->count = 2 * old;
+    s->used = 0;
+    for (int32_t i = 0; i < old; i++) {
+        for (Entry **l = &s->heads[i]; *l;) {
+            Entry *e = *l;
+            const int32_t j = Bucket(e->key, s->count);
+            if (j == i) {
+                l = &e->next;
+                continue;
+            }
+            *l = e->next;
+            e->next = s->heads[j];
+            s->heads[j] = e;
+        }
+    }
+    for (int32_t i = 0; i < s->count; i++) s->used += s->heads[i] != nullptr;
+}
+void Free(Set *s) {
+    for (int32_t i = 0; i < s->count; i++)
+        for (Entry *e = s->heads[i]; e;) {
+            Entry *next = e->next;
+            free(e);
+            e = next;
+        }
+    free(s->heads);
+}
+
+struct MapEntry {  // ascending key hash, found by halving, like StringMap
+    uint32_t hash;
+    const char *key, *value;
+};
+inline const char *Get(const std::vector<MapEntry> &m, const char *key) {
+    const uint32_t h = Hash(key, strlen(key));
+    size_t low = 0, high = m.size();
+    while (low < high) {
+        const size_t mid = (low + high) / 2;
+        if (m[mid].hash < h)
+            low = mid + 1;
+        else
+            high = mid;
+    }
+    for (; low < m.size() && m[low].hash == h; low++)
+        if (strcmp(m[low].key, key) == 0) return m[low].value;
+    return nullptr;
+}
+
+struct Text {  // exact fit, like String
+    char *text = nullptr;
+    size_t length = 0;
+};
+inline void Append(Text *t, const char *piece) {
+    const size_t n = strlen(piece);
+    t->text = static_cast<char *>(realloc(t->text, t->length + n + 1));
+    memcpy(t->text + t->length, piece, n + 1);
+    t->length += n;
+}
+
+}  // namespace bare
+
+// ---- Shared inputs. ----
+std::vector<std::string> Keys(size_t n) {
+    std::vector<std::string> keys;
+    for (size_t i = 0; i < n; i++) keys.push_back("key-" + std::to_string(i * 7919));
+    return keys;
+}
+const std::vector<std::string> &KeysOf(size_t n) {
+    static std::map<size_t, std::vector<std::string>> cache;
+    auto &k = cache[n];
+    if (k.empty()) k = Keys(n);
+    return k;
+}
+std::string g_file;  // a 1 MB file of text lines
+
+// Large inputs are built once and kept for the whole run: the benchmark library calls each
+// body several times while it settles on an iteration count.
+template <typename T, typename Build>
+T &Once(size_t n, Build build) {
+    static std::map<size_t, T> cache;
+    auto found = cache.find(n);
+    if (found == cache.end()) found = cache.emplace(n, build()).first;
+    return found->second;
+}
+
+int g_item;
+
+// ---- The paths, three members each. ----
+using Body = std::function<void(benchmark::State &)>;
+struct Path {
+    std::string name;
+    Body vokt, bare, peer;
+};
+
+Body LockUnlock(int depth) {
+    return [depth](benchmark::State &state) {
+        Mutex m;
+        Mutex_Init(&m);
+        for (auto _ : state) {
+            for (int i = 0; i < depth; i++) Mutex_Lock(&m);
+            for (int i = 0; i < depth; i++) Mutex_Unlock(&m);
+        }
+    };
+}
+Body BareLockUnlock(int depth) {
+    return [depth](benchmark::State &state) {
+        bare::RecursiveMutex m;
+        for (auto _ : state) {
+            for (int i = 0; i < depth; i++) bare::Lock(&m);
+            for (int i = 0; i < depth; i++) bare::Unlock(&m);
+            benchmark::ClobberMemory();
+        }
+    };
+}
+Body PeerLockUnlock(int depth) {
+    return [depth](benchmark::State &state) {
+#ifdef VOKT_BENCH_GLIB
+        GRecMutex m;
+        g_rec_mutex_init(&m);
+        for (auto _ : state) {
+            for (int i = 0; i < depth; i++) g_rec_mutex_lock(&m);
+            for (int i = 0; i < depth; i++) g_rec_mutex_unlock(&m);
+        }
+        g_rec_mutex_clear(&m);
+#else
+        pthread_mutexattr_t a;
+        pthread_mutexattr_init(&a);
+        pthread_mutexattr_settype(&a, PTHREAD_MUTEX_RECURSIVE);
+        pthread_mutex_t m;
+        pthread_mutex_init(&m, &a);
+        for (auto _ : state) {
+            for (int i = 0; i < depth; i++) pthread_mutex_lock(&m);
+            for (int i = 0; i < depth; i++) pthread_mutex_unlock(&m);
+        }
+#endif
+    };
+}
+
+Body GetAt(bool synchronised) {
+    return [synchronised](benchmark::State &state) {
+        Vector *v = Vector_New();
+        if (synchronised) Vector_SetSynchronized(v, 1);
+        for (int i = 0; i < 64; i++) Vector_Add(v, &g_item);
+        int64_t i = 0;
+        for (auto _ : state) benchmark::DoNotOptimize(Vector_GetAt(v, i++ & 63));
+        Vector_Free(v);
+    };
+}
+Body BareGetAt(bool synchronised) {
+    return [synchronised](benchmark::State &state) {
+        bare::Array a;
+        bare::RecursiveMutex m;
+        for (int i = 0; i < 64; i++) bare::Add(&a, &g_item);
+        int64_t i = 0;
+        for (auto _ : state) {
+            if (synchronised) bare::Lock(&m);
+            benchmark::DoNotOptimize(bare::At(&a, i++ & 63));
+            if (synchronised) bare::Unlock(&m);
+        }
+        free(a.data);
+    };
+}
+#ifdef VOKT_BENCH_GLIB
+Body PeerGetAt(bool synchronised) {
+    return [synchronised](benchmark::State &state) {
+        GPtrArray *a = g_ptr_array_new();
+        GRecMutex m;
+        g_rec_mutex_init(&m);
+        for (int i = 0; i < 64; i++) g_ptr_array_add(a, &g_item);
+        guint i = 0;
+        for (auto _ : state) {
+            if (synchronised) g_rec_mutex_lock(&m);
+            benchmark::DoNotOptimize(g_ptr_array_index(a, i++ & 63));
+            if (synchronised) g_rec_mutex_unlock(&m);
+        }
+        g_rec_mutex_clear(&m);
+        g_ptr_array_free(a, TRUE);
+    };
+}
+#endif
+
+void VoktAdd64(benchmark::State &state) {
+    for (auto _ : state) {
+        Vector *v = Vector_New();
+        for (int i = 0; i < 64; i++) Vector_Add(v, &g_item);
+        benchmark::DoNotOptimize(v->data);
+        Vector_Free(v);
+    }
+}
+void BareAdd64(benchmark::State &state) {
+    for (auto _ : state) {
+        bare::Array a;
+        for (int i = 0; i < 64; i++) bare::Add(&a, &g_item);
+        benchmark::DoNotOptimize(a.data);
+        free(a.data);
+    }
+}
+
+// A set of n String keys, and the same keys probed in turn.
+Body SetFind(size_t n) {
+    return [n](benchmark::State &state) {
+        struct Built {
+            ObjectSet *set;
+            std::vector<String *> probes;
+        };
+        const Built &built = Once<Built>(n, [n] {
+            Built b{ObjectSet_New(), {}};
+            for (const auto &k : KeysOf(n)) ObjectSet_Add(b.set, String_NewFromChars(k.c_str()), nullptr);
+            for (size_t i = 0; i < 1024; i++) b.probes.push_back(String_NewFromChars(KeysOf(n)[(i * 7) % n].c_str()));
+            return b;
+        });
+        size_t i = 0;
+        for (auto _ : state) benchmark::DoNotOptimize(ObjectSet_Find(built.set, built.probes[i++ & 1023]));
+    };
+}
+Body BareSetFind(size_t n) {
+    return [n](benchmark::State &state) {
+        const auto &keys = KeysOf(n);
+        const bare::Set &set = Once<bare::Set>(n, [&] {
+            bare::Set s;
+            for (const auto &k : keys) bare::Insert(&s, k.c_str());
+            return s;
+        });
+        size_t i = 0;
+        for (auto _ : state) benchmark::DoNotOptimize(bare::Find(&set, keys[((i++ & 1023) * 7) % n].c_str()));
+    };
+}
+#ifdef VOKT_BENCH_GLIB
+Body PeerSetFind(size_t n) {
+    return [n](benchmark::State &state) {
+        const auto &keys = KeysOf(n);
+        GHashTable *table = Once<GHashTable *>(n, [&] {
+            GHashTable *t = g_hash_table_new(g_str_hash, g_str_equal);
+            for (const auto &k : keys) g_hash_table_add(t, const_cast<char *>(k.c_str()));
+            return t;
+        });
+        size_t i = 0;
+        for (auto _ : state) benchmark::DoNotOptimize(g_hash_table_lookup(table, keys[((i++ & 1023) * 7) % n].c_str()));
+    };
+}
+#endif
+
+void VoktSetAdd1k(benchmark::State &state) {
+    const auto &keys = KeysOf(1000);
+    std::vector<String *> strings;
+    for (const auto &k : keys) strings.push_back(String_NewFromChars(k.c_str()));
+    for (auto _ : state) {
+        ObjectSet *set = ObjectSet_New();
+        for (String *s : strings) ObjectSet_Add(set, s, nullptr);
+        ObjectSet_Free(set);
+    }
+    for (String *s : strings) String_Destroy(s);
+}
+void BareSetAdd1k(benchmark::State &state) {
+    const auto &keys = KeysOf(1000);
+    for (auto _ : state) {
+        bare::Set set;
+        for (const auto &k : keys) bare::Insert(&set, k.c_str());
+        bare::Free(&set);
+    }
+}
+
+Body MapGet(size_t n) {
+    return [n](benchmark::State &state) {
+        const auto &keys = KeysOf(n);
+        StringMap *map = Once<StringMap *>(n, [&] {
+            StringMap *m = StringMap_New();
+            for (const auto &k : keys) StringMap_Set(m, k.c_str(), "value");
+            return m;
+        });
+        size_t i = 0;
+        for (auto _ : state) benchmark::DoNotOptimize(StringMap_Get(map, keys[((i++ & 1023) * 7) % n].c_str()));
+    };
+}
+Body BareMapGet(size_t n) {
+    return [n](benchmark::State &state) {
+        const auto &keys = KeysOf(n);
+        const auto &map = Once<std::vector<bare::MapEntry>>(n, [&] {
+            std::vector<bare::MapEntry> m;
+            for (const auto &k : keys) m.push_back({bare::Hash(k.c_str(), k.size()), k.c_str(), "value"});
+            std::sort(m.begin(), m.end(), [](const bare::MapEntry &a, const bare::MapEntry &b) { return a.hash < b.hash; });
+            return m;
+        });
+        size_t i = 0;
+        for (auto _ : state) benchmark::DoNotOptimize(bare::Get(map, keys[((i++ & 1023) * 7) % n].c_str()));
+    };
+}
+
+void VoktAppend(benchmark::State &state) {
+    for (auto _ : state) {
+        String *s = String_New();
+        for (int i = 0; i < 16; i++) String_AppendChars(s, "word ");
+        benchmark::DoNotOptimize(s->string);
+        String_Destroy(s);
+    }
+}
+void BareAppend(benchmark::State &state) {
+    for (auto _ : state) {
+        bare::Text t;
+        for (int i = 0; i < 16; i++) bare::Append(&t, "word ");
+        benchmark::DoNotOptimize(t.text);
+        free(t.text);
+    }
+}
+#ifdef VOKT_BENCH_GLIB
+void PeerAppend(benchmark::State &state) {
+    for (auto _ : state) {
+        GString *s = g_string_new(nullptr);
+        for (int i = 0; i < 16; i++) g_string_append(s, "word ");
+        benchmark::DoNotOptimize(s->str);
+        g_string_free(s, TRUE);
+    }
+}
+#endif
+
+// Every line of the 1 MB file, through a stdio file or a descriptor.
+void VoktFileLines(benchmark::State &state) {
+    for (auto _ : state) {
+        FILE *f = fopen(g_file.c_str(), "r");
+        Stream *stream = Stream_NewFromFile(f);
+        String *line = String_New();
+        while (Stream_ReadLine(stream, line) == 0 && !Stream_IsEOF(stream)) benchmark::DoNotOptimize(line->string);
+        String_Destroy(line);
+        Stream_Destroy(stream);
+        fclose(f);
+    }
+}
+void BareFileLines(benchmark::State &state) {
+    for (auto _ : state) {
+        FILE *f = fopen(g_file.c_str(), "r");
+        char buffer[1024];
+        while (fgets(buffer, sizeof buffer, f)) {
+            size_t n = strlen(buffer);
+            if (n && buffer[n - 1] == '\n') buffer[--n] = '\0';
+            char *copy = static_cast<char *>(malloc(n + 1));
+            memcpy(copy, buffer, n + 1);
+            benchmark::DoNotOptimize(copy);
+            free(copy);
+        }
+        fclose(f);
+    }
+}
+#ifdef VOKT_BENCH_GLIB
+void PeerFileLines(benchmark::State &state) {
+    for (auto _ : state) {
+        GIOChannel *channel = g_io_channel_new_file(g_file.c_str(), "r", nullptr);
+        gchar *line = nullptr;
+        while (g_io_channel_read_line(channel, &line, nullptr, nullptr, nullptr) == G_IO_STATUS_NORMAL) {
+            benchmark::DoNotOptimize(line);
+            g_free(line);
+        }
+        g_io_channel_unref(channel);
+    }
+}
+#endif
+void VoktHandleLines(benchmark::State &state) {
+    for (auto _ : state) {
+        const int fd = open(g_file.c_str(), O_RDONLY);
+        Stream *stream = Stream_NewFromHandle(fd);
+        String *line = String_New();
+        while (Stream_ReadLine(stream, line) == 0 && !Stream_IsEOF(stream)) benchmark::DoNotOptimize(line->string);
+        String_Destroy(line);
+        Stream_Destroy(stream);
+        close(fd);
+    }
+}
+void BareHandleLines(benchmark::State &state) {
+    for (auto _ : state) {
+        const int fd = open(g_file.c_str(), O_RDONLY);
+        char buffer[128];
+        bare::Text line;
+        ssize_t got;
+        while ((got = read(fd, buffer, sizeof buffer)) > 0) {
+            for (ssize_t start = 0, i = 0; i < got; i++) {
+                if (buffer[i] != '\n' && i + 1 < got) continue;
+                const size_t n = static_cast<size_t>(i - start + (buffer[i] == '\n' ? 0 : 1));
+                line.text = static_cast<char *>(realloc(line.text, line.length + n + 1));
+                memcpy(line.text + line.length, buffer + start, n);
+                line.text[line.length += n] = '\0';
+                if (buffer[i] == '\n') {
+                    benchmark::DoNotOptimize(line.text);
+                    line.length = 0;
+                }
+                start = i + 1;
+            }
+        }
+        free(line.text);
+        close(fd);
+    }
+}
+
+// ---- The table. ----
+Body Nothing() { return nullptr; }
+
+std::vector<Path> Paths() {
+#ifdef VOKT_BENCH_GLIB
+#define PEER(x) x
+#else
+#define PEER(x) Nothing()
+#endif
+    return {
+        {"Mutex lock+unlock", LockUnlock(1), BareLockUnlock(1), PeerLockUnlock(1)},
+        {"Mutex twice (recursion)", LockUnlock(2), BareLockUnlock(2), PeerLockUnlock(2)},
+        {"Vector_GetAt", GetAt(false), BareGetAt(false), PEER(PeerGetAt(false))},
+        {"Vector_GetAt, synchronised", GetAt(true), BareGetAt(true), PEER(PeerGetAt(true))},
+        {"64 x Vector_Add", VoktAdd64, BareAdd64, Nothing()},
+        {"ObjectSet_Find 1k", SetFind(1000), BareSetFind(1000), PEER(PeerSetFind(1000))},
+        {"ObjectSet_Find 100k", SetFind(100000), BareSetFind(100000), PEER(PeerSetFind(100000))},
+        {"ObjectSet_Find 1M", SetFind(1000000), BareSetFind(1000000), PEER(PeerSetFind(1000000))},
+        {"ObjectSet_Add 1k", VoktSetAdd1k, BareSetAdd1k, Nothing()},
+        {"StringMap_Get 1k", MapGet(1000), BareMapGet(1000), PEER(PeerSetFind(1000))},
+        {"StringMap_Get 100k", MapGet(100000), BareMapGet(100000), PEER(PeerSetFind(100000))},
+        {"StringMap_Get 1M", MapGet(1000000), BareMapGet(1000000), PEER(PeerSetFind(1000000))},
+        {"String append (16 pieces)", VoktAppend, BareAppend, PEER(PeerAppend)},
+        {"file Stream, lines of 1 MB", VoktFileLines, BareFileLines, PEER(PeerFileLines)},
+        {"descriptor Stream, lines of 1 MB", VoktHandleLines, BareHandleLines, Nothing()},
+    };
+#undef PEER
+}
+
+// Nanoseconds per iteration of every run, by name.
+class Collector : public benchmark::ConsoleReporter {
+public:
+    std::map<std::string, double> ns;
+    void ReportRuns(const std::vector<Run> &runs) override {
+        for (const auto &run : runs) ns[run.benchmark_name()] = run.GetAdjustedRealTime();
+        ConsoleReporter::ReportRuns(runs);
+    }
+};
+
+// Heap bytes held per element by a container of n elements (glibc's own count, so that
+// every member is measured the same way).
+size_t HeapInUse() { return mallinfo2().uordblks; }
+template <typename Build>
+double BytesPer(size_t n, Build build) {
+    const size_t before = HeapInUse();
+    auto release = build();
+    const double bytes = static_cast<double>(HeapInUse() - before) / static_cast<double>(n);
+    release();
+    return bytes;
+}
+
+std::vector<std::pair<std::string, double>> Footprints() {
+    const size_t n = 100000;
+    const auto &keys = KeysOf(n);
+    std::vector<String *> strings;
+    for (const auto &k : keys) strings.push_back(String_NewFromChars(k.c_str()));
+    std::vector<std::pair<std::string, double>> rows;
+    rows.push_back({"Vector", BytesPer(n, [&] {
+                        Vector *v = Vector_New();
+                        for (size_t i = 0; i < n; i++) Vector_Add(v, &g_item);
+                        return [v] { Vector_Free(v); };
+                    })});
+    rows.push_back({"ObjectSet (String keys made before)", BytesPer(n, [&] {
+                        ObjectSet *set = ObjectSet_New();
+                        for (String *s : strings) ObjectSet_Add(set, s, nullptr);
+                        return [set] { ObjectSet_Free(set); };
+                    })});
+    rows.push_back({"StringMap (copies of keys and values)", BytesPer(n, [&] {
+                        StringMap *map = StringMap_New();
+                        for (const auto &k : keys) StringMap_Set(map, k.c_str(), "value");
+                        return [map] { StringMap_Free(map); };
+                    })});
+#ifdef VOKT_BENCH_GLIB
+    rows.push_back({"GPtrArray", BytesPer(n, [&] {
+                        GPtrArray *a = g_ptr_array_new();
+                        for (size_t i = 0; i < n; i++) g_ptr_array_add(a, &g_item);
+                        return [a] { g_ptr_array_free(a, TRUE); };
+                    })});
+    rows.push_back({"GHashTable (keys made before)", BytesPer(n, [&] {
+                        GHashTable *t = g_hash_table_new(g_str_hash, g_str_equal);
+                        for (const auto &k : keys) g_hash_table_add(t, const_cast<char *>(k.c_str()));
+                        return [t] { g_hash_table_destroy(t); };
+                    })});
+    rows.push_back({"GHashTable (copies of keys and values)", BytesPer(n, [&] {
+                        GHashTable *t = g_hash_table_new_full(g_str_hash, g_str_equal, g_free, g_free);
+                        for (const auto &k : keys) g_hash_table_insert(t, g_strdup(k.c_str()), g_strdup("value"));
+                        return [t] { g_hash_table_destroy(t); };
+                    })});
+#endif
+    for (String *s : strings) String_Destroy(s);
+    return rows;
+}
+
+std::string Ratio(double a, double b) {
+    if (a <= 0 || b <= 0) return "";
+    char text[32];
+    snprintf(text, sizeof text, "%.2f", a / b);
+    return text;
+}
+
+void WriteTables(const std::string &dir, const std::vector<Path> &paths, const std::map<std::string, double> &ns) {
+    auto at = [&](const std::string &key) {
+        const auto found = ns.find(key);
+        return found == ns.end() ? 0.0 : found->second;
+    };
+    std::ofstream csv(dir + "/ratios.csv"), dat(dir + "/ratios.dat");
+    std::string md = "| path | vokt ns | bare ns | peer ns | vokt / bare | vokt / peer |\n|---|---|---|---|---|---|\n";
+    csv << "path,vokt_ns,bare_ns,peer_ns,vokt_over_bare,vokt_over_peer\n";
+    for (const auto &p : paths) {
+        const double v = at(p.name + "/vokt"), b = at(p.name + "/bare"), q = at(p.name + "/peer");
+        char line[256], peer[32] = "";
+        if (q > 0) snprintf(peer, sizeof peer, "%.1f", q);
+        snprintf(line, sizeof line, "| %s | %.1f | %.1f | %s | %s | %s |\n", p.name.c_str(), v, b, peer,
+                 Ratio(v, b).c_str(), Ratio(v, q).c_str());
+        md += line;
+        csv << '"' << p.name << "\"," << v << ',' << b << ',' << q << ',' << Ratio(v, b) << ',' << Ratio(v, q) << '\n';
+        dat << '"' << p.name << "\" " << (b > 0 ? v / b : 0) << ' ' << (q > 0 ? v / q : 0) << '\n';
+    }
+    md += "\n| container, 100k elements | heap bytes per element |\n|---|---|\n";
+    csv << "\ncontainer,bytes_per_element\n";
+    for (const auto &[name, bytes] : Footprints()) {
+        char line[160];
+        snprintf(line, sizeof line, "| %s | %.1f |\n", name.c_str(), bytes);
+        md += line;
+        csv << '"' << name << "\"," << bytes << '\n';
+    }
+    std::ofstream(dir + "/ratios.md") << md;
+    printf("\n%s", md.c_str());
+    printf("\nwritten: %s/ratios.md, %s/ratios.csv", dir.c_str(), dir.c_str());
+    dat.close();
+    const std::string plot = "gnuplot -e \"set terminal png size 1100,640 noenhanced; set bmargin 12; set output '" + dir +
+                             "/ratios.png'; set style data histograms; set style fill solid; set xtics rotate by -35 "
+                             "scale 0; set ylabel 'time ratio'; set key top left; set grid ytics; plot '" + dir +
+                             "/ratios.dat' using 2:xtic(1) title 'vokt / bare', '' using 3 title 'vokt / peer', 1 notitle "
+                             "lc rgb 'black'\" 2>/dev/null";
+    if (system("command -v gnuplot >/dev/null 2>&1") == 0 && system(plot.c_str()) == 0) printf(", %s/ratios.png", dir.c_str());
+    printf("\n");
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+    Runtime_Init();
+    std::string dir = ".";
+    for (int i = 1; i < argc; i++)
+        if (strncmp(argv[i], "--out-dir=", 10) == 0) dir = argv[i] + 10;
+    char path[] = "/tmp/vokt-bench-XXXXXX";
+    const int fd = mkstemp(path);
+    g_file = path;
+    {
+        std::string text;
+        for (int i = 0; text.size() < 1024 * 1024; i++) text += "line " + std::to_string(i) + " of the benchmark file, some words\n";
+        if (write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size())) return 1;
+        close(fd);
+    }
+    const auto paths = Paths();
+    for (const auto &p : paths) {
+        for (const auto &[member, body] : {std::pair{"vokt", p.vokt}, {"bare", p.bare}, {"peer", p.peer}})
+            if (body) benchmark::RegisterBenchmark((p.name + "/" + member).c_str(), body);
+    }
+    benchmark::Initialize(&argc, argv);
+    Collector collector;
+    benchmark::RunSpecifiedBenchmarks(&collector);
+    WriteTables(dir, paths, collector.ns);
+    unlink(path);
+    return 0;
+}
