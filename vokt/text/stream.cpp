@@ -56,14 +56,18 @@ int32_t ReadFromFile(Stream *stream, String *line, int32_t *length) {
     VOKT_ASSERT(stream->type == FILE_STREAM);
     SetLength(length, 0);
     if (stream->bEof) return 0;
-    char buffer[kFileLineBuffer] = {};
+    // fgets ends what it reads with a NUL, so the buffer needs no clearing; the text is
+    // measured once and copied with that length.
+    char buffer[kFileLineBuffer];
     if (!stream->file || !fgets(buffer, sizeof buffer, stream->file)) {
         stream->bEof = 1;
         buffer[0] = '\0';
     }
     size_t n = strlen(buffer);
     if (n > 0 && buffer[n - 1] == '\n') buffer[--n] = '\0';
-    VOKT_TRY(String_Set(line, buffer));
+    // A line String that String_Check would report goes through String_Set, which reports it.
+    const bool whole = line && (line->bIsSet != 0) == (line->string != nullptr);
+    VOKT_TRY(whole ? vokt::SetText(line, buffer, n) : String_Set(line, buffer));
     SetLength(length, static_cast<int32_t>(n));
     return 0;
 }
