@@ -93,6 +93,12 @@ TEST(Log, FileIsCutToTheWholeLinesOfItsNewestHalf) {
     EXPECT_EQ(0, test::InChild([&] { EXPECT_EQ(SizeAfterOneLine(OldLog(131072), 128), 131072 + kLine); }));
     EXPECT_EQ(0, test::InChild([&] { EXPECT_EQ(SizeAfterOneLine(std::string(5000, 'x'), 0), 5000 + kLine); }));
     EXPECT_EQ(0, test::InChild([&] { EXPECT_LE(SizeAfterOneLine(OldLog(5000), 0), 1024 + kLine); }));
+    // Nothing after the only line end, or no memory for the kept lines: the file stays whole.
+    EXPECT_EQ(0, test::InChild([&] { EXPECT_EQ(SizeAfterOneLine(std::string(5000, 'x') + "\n", 0), 5001 + kLine); }));
+    EXPECT_EQ(0, test::InChild([&] {
+        test::FailAllocation(2);  // after the line's own String, the kept bytes
+        EXPECT_EQ(SizeAfterOneLine(OldLog(5000), 0), 5000 + kLine);
+    }));
     EXPECT_EQ(0, test::InChild([] {
         Log_SetLevel(25);
         const std::string old = OldLog(131073);

@@ -2,6 +2,8 @@
 // reported and survived: every public operation, called wrongly, gives its failure value.
 #include <gtest/gtest.h>
 
+#include <string.h>
+
 #include "support.h"
 #include "vokt/vokt.h"
 
@@ -104,6 +106,30 @@ const std::pair<const char *, Call> kMistakes[] = {
          String_Check(s);  // set, without a text: reported
          String_Destroy(s);
          return ok;
+     }},
+    {"Strings whose invariant is broken", [] {
+         // Set without a text, and unset with one: every operation reports and survives.
+         String *noText = String_New(), *stray = String_NewFromChars("stray"), *fine = String_NewFromChars("a b");
+         noText->bIsSet = 1;
+         stray->bIsSet = 0;
+         String *pair[] = {noText, stray};
+         const bool ok = String_Equals(noText, fine) == 0 && String_Equals(stray, fine) == 0 &&
+                         String_EqualsIgnoreCase(fine, stray) == 0 && String_Hash(noText) == 0 && String_Hash(stray) == 0 &&
+                         String_Length(noText) == 0 && String_Compare(&pair[0], &pair[1]) < 0 &&
+                         String_StartsWith(noText, "a") == 0 && String_Find(noText, "a", 0) == -1 &&
+                         String_WrapEx(noText, 3, 3, nullptr) == 0 && String_SplitAt(noText, ' ', fine, fine) == 1;
+         for (auto edit : {String_ToLower, String_Trim, String_CollapseWhitespace, String_ChompNewlines})
+             edit(noText);
+         FILE *file = tmpfile();
+         fputs("line\n", file);
+         rewind(file);
+         Stream *lines = Stream_NewFromFile(file);
+         const bool read = Stream_ReadLine(lines, noText) == 0 && strcmp(noText->string, "line") == 0;
+         Stream_Destroy(lines);
+         fclose(file);
+         stray->bIsSet = 1;
+         for (String *s : {noText, stray, fine}) String_Destroy(s);
+         return ok && read;
      }},
     {"File", [] { return File_Exists(nullptr) == 0 && File_IsDirectory(nullptr) == 0 && File_IsDirectory("/") == 1; }},
     {"Stream", [] {
