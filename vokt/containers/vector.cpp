@@ -46,7 +46,24 @@ void FreeSlots(Object **data) {
     if (data) vokt::Free(reinterpret_cast<Slots *>(data) - 1);
 }
 
-void *AddChecked(Vector *v, void *obj);
+[[gnu::noinline]] void *AddChecked(Vector *v, void *obj) {
+    VOKT_ASSERT_OR_RETURN(v != NULL, nullptr);
+    VectorGuard lock(v);
+    VOKT_ASSERT(v->size==0 || v->data != NULL);
+    if (v->size == v->capacity) v->capacity += v->growBy;
+    if (v->size >= AllocatedSlots(v)) {
+        Object **grown = AllocateSlots(v->data, v->capacity);
+        if (!grown) {
+            // Long-standing failure contract: capacity stays raised, the old array stays,
+            // and a synchronised vector's lock stays held by the caller.
+            lock.Keep();
+            return nullptr;
+        }
+        v->data = grown;
+    }
+    v->data[v->size++] = static_cast<Object *>(obj);
+    return obj;
+}
 
 [[gnu::noinline]] void *GetAtChecked(Vector *v, int64_t index) {
     VOKT_ASSERT_OR_RETURN(v != NULL, nullptr);
@@ -153,32 +170,6 @@ void *Vector_Add(Vector *v, void *obj) {
     return AddChecked(v, obj);
 }
 
-}  // extern "C"
-
-namespace {
-
-[[gnu::noinline]] void *AddChecked(Vector *v, void *obj) {
-    VOKT_ASSERT_OR_RETURN(v != NULL, nullptr);
-    VectorGuard lock(v);
-    VOKT_ASSERT(v->size==0 || v->data != NULL);
-    if (v->size == v->capacity) v->capacity += v->growBy;
-    if (v->size >= AllocatedSlots(v)) {
-        Object **grown = AllocateSlots(v->data, v->capacity);
-        if (!grown) {
-            // Long-standing failure contract: capacity stays raised, the old array stays,
-            // and a synchronised vector's lock stays held by the caller.
-            lock.Keep();
-            return nullptr;
-        }
-        v->data = grown;
-    }
-    v->data[v->size++] = static_cast<Object *>(obj);
-    return obj;
-}
-
-}  // namespace
-
-extern "C" {
 
 int32_t Vector_AddAll(Vector *target, Vector *source) {
     VOKT_ASSERT_OR_RETURN(target != NULL && source != NULL, -1);
