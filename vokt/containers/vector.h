@@ -82,6 +82,21 @@ VOKT_API void Vector_SetOwnsElements(Vector *v, int32_t flag);
 /** Clears (destroying owned elements) and frees the vector. */
 VOKT_API void Vector_Free(Vector *v);
 
+#ifndef VOKT_BUILDING
+/** (extension) Vector_GetAt for programs: the common case (an unsynchronised vector and an index inside
+ *  it) is read in place, like GLib's g_ptr_array_index; anything else calls the exported
+ *  Vector_GetAt, with its reports and its lock. Each argument is evaluated once. */
+static inline void *Vector_GetAtInline(Vector *v, int64_t index) {
+    if (v && !v->bSynchronized && v->data && (uint64_t)index < (uint64_t)v->size) return v->data[index];
+    return (Vector_GetAt)(v, index);
+}
+/** Calls of Vector_GetAt(v, index) take the inline path; its address stays the exported
+ *  function's. Define VOKT_NO_INLINE_PATHS to call the exported function every time. */
+#ifndef VOKT_NO_INLINE_PATHS
+#define Vector_GetAt(v, index) Vector_GetAtInline((v), (index))
+#endif
+#endif
+
 #ifdef __cplusplus
 }
 #endif
