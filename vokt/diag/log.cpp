@@ -39,7 +39,9 @@ int64_t g_lastSizeCheck = 1;
 int32_t g_echoStderr = 0;
 int32_t g_echoStdout = 0;
 String *g_logPath = nullptr;
-thread_local int t_depth = 0;
+// Read on every log call: initial-exec keeps it one move away instead of two calls into
+// the dynamic loader (a few bytes of the static TLS surplus that dlopen allows for).
+[[gnu::tls_model("initial-exec")]] thread_local int t_depth = 0;
 
 // The threshold is also read without the lock (Log_GetLevel).
 int32_t Threshold() { return __atomic_load_n(&g_threshold, __ATOMIC_RELAXED); }
