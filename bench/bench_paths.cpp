@@ -10,6 +10,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/single_threaded.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -35,8 +36,22 @@ struct RecursiveMutex {
     pthread_t owner = 0;
     int depth = 0;
 };
+// The try step as vokt takes it on the C library's default mutex: the lock word and the
+// two fields that library's own trylock writes.
+thread_local pid_t t_tid = gettid();
+inline bool Try(pthread_mutex_t *m) {
+    if (m->__data.__lock != 0) return false;
+    int expected = 0;
+    if (__libc_single_threaded)
+        m->__data.__lock = 1;
+    else if (!__atomic_compare_exchange_n(&m->__data.__lock, &expected, 1, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
+        return false;
+    m->__data.__owner = t_tid;
+    ++m->__data.__nusers;
+    return true;
+}
 inline void Lock(RecursiveMutex *m) {
-    if (pthread_mutex_trylock(&m->mutex) != 0 && m->owner != pthread_self()) pthread_mutex_lock(&m->mutex);
+    if (!Try(&m->mutex) && m->owner != pthread_self()) pthread_mutex_lock(&m->mutex);
     if (m->depth++ == 0) m->owner = pthread_self();
 }
 inline void Unlock(RecursiveMutex *m) {

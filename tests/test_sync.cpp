@@ -1,3 +1,4 @@
+#include <errno.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
@@ -7,6 +8,7 @@
 #include <chrono>
 #include <vector>
 
+#include "support.h"
 #include "vokt/sync/vokt_sync.h"
 
 namespace {
@@ -68,6 +70,34 @@ TEST(Sync, MutexIsRecursiveAndHandedOverOnlyAfterTheLastUnlock) {
     EXPECT_EQ(Stderr([&] { Mutex_Unlock(&s.mutex); }), Report("m->spinCount>0", 103));
     EXPECT_EQ(s.mutex.spinCount, -1);
     EXPECT_EQ(pthread_mutex_trylock(&s.mutex.mutex), 0);
+}
+
+// The C library must find a Mutex's POSIX mutex as if it had locked it itself: busy while
+// held, owned by the holding thread, and without users once released.
+void ExpectPosixViewOfTheLock() {
+    Mutex m;
+    Mutex_Init(&m);
+    Mutex_Lock(&m);
+    Mutex_Lock(&m);
+    EXPECT_EQ(pthread_mutex_trylock(&m.mutex), EBUSY);
+#ifdef __GLIBC__
+    EXPECT_EQ(m.mutex.__data.__owner, gettid());
+#endif
+    Mutex_Unlock(&m);
+    Mutex_Unlock(&m);
+    EXPECT_EQ(pthread_mutex_destroy(&m.mutex), 0);
+}
+
+TEST(Sync, PosixMutexSeesTheLockAsItsOwn) {
+    ExpectPosixViewOfTheLock();  // a process that has never had a second thread
+    EXPECT_EQ(test::InChild(ExpectPosixViewOfTheLock), 0);  // a new kernel identifier
+    Thread t;
+    Thread_CreateJoinable(&t, [](void *) -> void * {
+        ExpectPosixViewOfTheLock();
+        return nullptr;
+    }, nullptr);
+    Thread_Join(t);
+    ExpectPosixViewOfTheLock();  // now with other threads about
 }
 
 TEST(Sync, ConditionKeepsOneSignalAndTimesOut) {
