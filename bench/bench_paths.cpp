@@ -10,7 +10,9 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <linux/futex.h>
 #include <sys/single_threaded.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -36,8 +38,8 @@ struct RecursiveMutex {
     pthread_t owner = 0;
     int depth = 0;
 };
-// The try step as vokt takes it on the C library's default mutex: the lock word and the
-// two fields that library's own trylock writes.
+// The try and unlock steps as vokt takes them on the C library's default mutex: the lock
+// word and the two fields that library's own trylock and unlock write.
 thread_local pid_t t_tid = gettid();
 inline bool Try(pthread_mutex_t *m) {
     if (m->__data.__lock != 0) return false;
@@ -57,7 +59,12 @@ inline void Lock(RecursiveMutex *m) {
 inline void Unlock(RecursiveMutex *m) {
     if (--m->depth == 0) {
         m->owner = 0;
-        pthread_mutex_unlock(&m->mutex);
+        m->mutex.__data.__owner = 0;
+        --m->mutex.__data.__nusers;
+        if (__libc_single_threaded)
+            m->mutex.__data.__lock = 0;
+        else if (__atomic_exchange_n(&m->mutex.__data.__lock, 0, __ATOMIC_RELEASE) > 1)
+            syscall(SYS_futex, &m->mutex.__data.__lock, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
     }
 }
 

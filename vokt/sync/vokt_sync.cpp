@@ -57,7 +57,9 @@ const Identity &Known() {
 // watches the pthread calls (a race checker), goes through the C library.
 #if defined(__GLIBC__) && __has_include(<sys/single_threaded.h>) && !defined(__SANITIZE_THREAD__)
 #define VOKT_DIRECT_TRY 1
+#include <linux/futex.h>
 #include <sys/single_threaded.h>
+#include <sys/syscall.h>
 constexpr bool kDirectTryBuilt = true;
 #else
 constexpr bool kDirectTryBuilt = false;
@@ -86,6 +88,18 @@ bool DirectTry(pthread_mutex_t *mutex, pid_t tid) {
     mutex->__data.__owner = tid;
     ++mutex->__data.__nusers;
     return true;
+}
+// The C library's unlock of a default mutex: clear the bookkeeping, free the word, and wake
+// one sleeper if the word said there were any (2).
+void DirectUnlock(pthread_mutex_t *mutex) {
+    mutex->__data.__owner = 0;
+    --mutex->__data.__nusers;
+    int *word = &mutex->__data.__lock;
+    if (__libc_single_threaded) {
+        __atomic_store_n(word, 0, __ATOMIC_RELAXED);
+    } else if (__atomic_exchange_n(word, 0, __ATOMIC_RELEASE) > 1) {
+        syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+    }
 }
 bool Direct(const pthread_mutex_t *mutex) {
     return g_directTry && __atomic_load_n(&mutex->__data.__kind, __ATOMIC_RELAXED) == PTHREAD_MUTEX_TIMED_NP;
@@ -358,6 +372,9 @@ void Mutex_Unlock(Mutex *m) {
     // would hide the caller's mistake.
     if (m->spinCount != 0) return;
     StoreOwner(m, 0);
+#ifdef VOKT_DIRECT_TRY
+    if (Direct(&m->mutex)) return DirectUnlock(&m->mutex);
+#endif
     pthread_mutex_unlock(&m->mutex);
 }
 
