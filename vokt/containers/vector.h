@@ -90,10 +90,23 @@ static inline void *Vector_GetAtInline(Vector *v, int64_t index) {
     if (v && !v->bSynchronized && v->data && (uint64_t)index < (uint64_t)v->size) return v->data[index];
     return (Vector_GetAt)(v, index);
 }
-/** Calls of Vector_GetAt(v, index) take the inline path; its address stays the exported
- *  function's. Define VOKT_NO_INLINE_PATHS to call the exported function every time. */
+/** (extension) Vector_Add for programs: while an unsynchronised vector has a free slot (below
+ *  both capacity and the slots really allocated, which the hidden word before data[0] holds), the
+ *  element is stored in place; growth, the lock and every report are the exported Vector_Add's.
+ *  Each argument is evaluated once. */
+static inline void *Vector_AddInline(Vector *v, void *obj) {
+    if (v && !v->bSynchronized && v->data && v->size < v->capacity && v->size < ((const intptr_t *)v->data)[-1]) {
+        v->data[v->size++] = (Object *)obj;
+        return obj;
+    }
+    return (Vector_Add)(v, obj);
+}
+/** Calls of Vector_GetAt(v, index) and Vector_Add(v, obj) take the inline paths; their addresses
+ *  stay the exported functions'. Define VOKT_NO_INLINE_PATHS to call the exported functions
+ *  every time. */
 #ifndef VOKT_NO_INLINE_PATHS
 #define Vector_GetAt(v, index) Vector_GetAtInline((v), (index))
+#define Vector_Add(v, obj) Vector_AddInline((v), (obj))
 #endif
 #endif
 

@@ -6,31 +6,22 @@
 
 #include "vokt/internal/alloc.h"
 
-namespace {
-MemoryFunctions g_functions = {malloc, realloc, free};
+namespace vokt {
+MemoryFunctions g_memory = {malloc, realloc, free};
 }
+using vokt::g_memory;
 
 extern "C" {
 
 void Memory_SetFunctions(const MemoryFunctions *functions) {
     if (functions && functions->Malloc && functions->Realloc && functions->Free)
-        g_functions = *functions;
+        g_memory = *functions;
     else
-        g_functions = MemoryFunctions{malloc, realloc, free};
+        g_memory = MemoryFunctions{malloc, realloc, free};
 }
 
 void Memory_GetFunctions(MemoryFunctions *out) {
-    if (out) *out = g_functions;
+    if (out) *out = g_memory;
 }
 
 }  // extern "C"
-
-namespace vokt {
-
-void *Alloc(size_t size) { return g_functions.Malloc(size); }
-void *Realloc(void *block, size_t size) { return g_functions.Realloc(block, size); }
-void Free(void *block) {
-    if (block) g_functions.Free(block);
-}
-
-}  // namespace vokt

@@ -63,20 +63,39 @@ int32_t SetBytes(String *ps, const char *chars, size_t n) {
     return 0;
 }
 
-// Appends n bytes to a set String. A failed resize leaves the String reading as unset
-// while it still points at its old text; that failure state is part of the contract.
-int32_t AppendBytes(String *ps, const char *chars, size_t n) {
-    const bool inside = chars >= ps->string && chars <= ps->string + ps->length;
-    const size_t offset = inside ? static_cast<size_t>(chars - ps->string) : 0;
+// A failed append leaves the String reading as unset while it still points at its old
+// text; that failure state is part of the contract.
+int32_t AppendFailed(String *ps) {
+    ps->bIsSet = 0;
+    ps->length = 0;
+    return -2;
+}
+
+// Appends bytes that lie inside the String's own text: they are found again at their
+// offset once the text has moved.
+[[gnu::noinline]] int32_t AppendOwnBytes(String *ps, const char *chars, size_t n) {
+    const size_t offset = static_cast<size_t>(chars - ps->string);
     const bool fits = n <= kMaxLength && ps->length <= kMaxLength - n;
     char *text = fits ? static_cast<char *>(vokt::Realloc(ps->string, ps->length + n + 1)) : nullptr;
-    if (!text) {
-        ps->bIsSet = 0;
-        ps->length = 0;
-        return -2;
-    }
-    if (inside) chars = text + offset;
-    memmove(text + ps->length, chars, n);
+    if (!text) return AppendFailed(ps);
+    memmove(text + ps->length, text + offset, n);
+    ps->length += n;
+    text[ps->length] = '\0';
+    ps->string = text;
+    return 0;
+}
+
+// Appends n bytes to a set String.
+[[gnu::always_inline]] inline int32_t AppendBytes(String *ps, const char *chars, size_t n) {
+    char *const old = ps->string;
+    if (chars >= old && chars <= old + ps->length) [[unlikely]]
+        return AppendOwnBytes(ps, chars, n);
+    if (n > kMaxLength || ps->length > kMaxLength - n) [[unlikely]]
+        return AppendFailed(ps);
+    char *text = static_cast<char *>(vokt::Realloc(old, ps->length + n + 1));
+    if (!text) [[unlikely]]
+        return AppendFailed(ps);
+    memcpy(text + ps->length, chars, n);  // the length is read again: fewer registers to keep
     ps->length += n;
     text[ps->length] = '\0';
     ps->string = text;
@@ -275,6 +294,7 @@ int32_t String_VFormat(String *s, const char *format, va_list args) {
 }
 
 int32_t String_AppendChars(String *ps, const char *chars) {
+    if (HasText(ps) && chars) return AppendBytes(ps, chars, strlen(chars));  // nothing to report
     if (!Usable(ps)) return -1;
     VOKT_ASSERT_OR_RETURN(chars != NULL, -1);
     return vokt::AppendText(ps, chars, strlen(chars));
