@@ -25,6 +25,7 @@ namespace vokt {
 // Error references are traced with the place that passes them on; -1 goes back as -1.
 // Returns true when the caller must return `code` unchanged.
 inline bool Failed(int32_t code, const char *module, int line) {
+    if (code == 0) return false;  // success: no reference to look up
     if (ErrorStore_IsError(code)) {
         Error_Trace(code, module, line);
         return true;
