@@ -20,7 +20,7 @@ constexpr char kModule[] = "vokt_sync";
 
 // Inline assertions carry the line numbers their texts have always had, so tools that
 // match these reports keep working whatever happens to this file.
-void ReportAssertion(const char *expression, int line) {
+[[gnu::cold, gnu::noinline]] void ReportAssertion(const char *expression, int line) {
     fprintf(stderr, "Assertion failed: %s in file %s on line %d\n", expression, kModule, line);
 }
 #define SYNC_ASSERT(cond, line)                  \
