@@ -46,6 +46,13 @@ bool AllUsable(std::initializer_list<const String *> strings) {
     return all;
 }
 
+// String_Equals for anything but two set Strings with texts: each is checked and reported.
+[[gnu::noinline]] int32_t EqualsChecked(const String *a, const String *b) {
+    const bool usable = AllUsable({a, b});
+    if (!usable || !a->bIsSet || !b->bIsSet || !a->string || !b->string) return 0;
+    return strcmp(a->string, b->string) == 0 ? 1 : 0;
+}
+
 // Stores an exact-fit copy of n bytes. The old text is released only after the copy
 // exists, so the source may lie inside it. On failure the String is left unset.
 int32_t SetBytes(String *ps, const char *chars, size_t n) {
@@ -344,9 +351,7 @@ int32_t String_VAppendFormatted(String *s, const char *format, va_list args) {
 int32_t String_Equals(const String *a, const String *b) {
     // Two set Strings with their texts pass every check: compare them at once.
     if (HasText(a) && HasText(b)) return strcmp(a->string, b->string) == 0 ? 1 : 0;
-    const bool usable = AllUsable({a, b});
-    if (!usable || !a->bIsSet || !b->bIsSet || !a->string || !b->string) return 0;
-    return strcmp(a->string, b->string) == 0 ? 1 : 0;
+    return EqualsChecked(a, b);
 }
 
 int32_t String_EqualsIgnoreCase(const String *a, const String *b) {
