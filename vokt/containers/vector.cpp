@@ -152,10 +152,10 @@ void *Vector_GetAt(Vector *v, int64_t index) {
         // The same under the vector's lock; an index it does not prove inside goes to the
         // checking path, which takes the lock again and reports.
         Mutex *lock = v->mutex;
-        Mutex_Lock(lock);
+        vokt::Lock(lock);
         const bool inside = v->data && static_cast<uint64_t>(index) < static_cast<uint64_t>(v->size);
         void *found = inside ? v->data[index] : nullptr;
-        Mutex_Unlock(lock);
+        vokt::Unlock(lock);
         if (inside) return found;
     }
     return GetAtChecked(v, index);

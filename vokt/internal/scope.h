@@ -4,6 +4,7 @@
 
 #include "vokt/containers/vector.h"
 #include "vokt/core/object.h"
+#include "vokt/internal/lock.h"
 #include "vokt/sync/vokt_sync.h"
 #include "vokt/text/string.h"
 
@@ -11,8 +12,8 @@ namespace vokt {
 
 class MutexGuard {
 public:
-    explicit MutexGuard(Mutex *m) : m_(m) { Mutex_Lock(m_); }
-    ~MutexGuard() { Mutex_Unlock(m_); }
+    explicit MutexGuard(Mutex *m) : m_(m) { Lock(m_); }
+    ~MutexGuard() { Unlock(m_); }
     MutexGuard(const MutexGuard &) = delete;
     MutexGuard &operator=(const MutexGuard &) = delete;
 
@@ -24,10 +25,10 @@ private:
 class VectorGuard {
 public:
     explicit VectorGuard(Vector *v) : m_(v && v->bSynchronized ? v->mutex : nullptr) {
-        if (m_) Mutex_Lock(m_);
+        if (m_) Lock(m_);
     }
     ~VectorGuard() {
-        if (m_) Mutex_Unlock(m_);
+        if (m_) Unlock(m_);
     }
     // Leaves the lock held on purpose (a failure path that keeps it).
     void Keep() { m_ = nullptr; }

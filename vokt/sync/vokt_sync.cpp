@@ -13,6 +13,7 @@
 
 #include "vokt/internal/alloc.h"
 #include "vokt/internal/fork.h"
+#include "vokt/internal/lock.h"
 
 namespace {
 
@@ -28,43 +29,6 @@ constexpr char kModule[] = "vokt_sync";
         if (!(cond)) ReportAssertion(#cond, line); \
     } while (0)
 
-// The owner is read without the lock by other threads; relaxed atomics keep the race
-// checker informed without changing the generated moves.
-pthread_t LoadOwner(const Mutex *m) { return __atomic_load_n(&m->owner, __ATOMIC_RELAXED); }
-void StoreOwner(Mutex *m, pthread_t id) { __atomic_store_n(&m->owner, id, __ATOMIC_RELAXED); }
-
-// The calling thread's identifiers, asked of the C library once per thread. A forked child
-// keeps its thread's pthread identifier but not its kernel one (ThreadRegistryForkRelease),
-// so a known kernel identifier means both are known.
-struct Identity {
-    pthread_t self;
-    pid_t tid;
-};
-thread_local Identity t_identity [[gnu::tls_model("initial-exec")]] = {};
-const Identity &Known() {
-    if (t_identity.self == 0) t_identity.self = pthread_self();
-    if (t_identity.tid == 0) t_identity.tid = gettid();
-    return t_identity;
-}
-
-// The try step of Mutex_Lock on a default POSIX mutex, done here instead of through the C
-// library's general trylock, which saves five registers and dispatches on the mutex kind
-// through a jump table before its one compare-and-swap. This is that compare-and-swap of
-// the lock word from free (0) to held (1), or a plain store while the process has one
-// thread (as the C library's own lock and unlock do then), plus the two bookkeeping fields
-// the C library's trylock writes: its unlock, lock and condition waits then find the mutex
-// exactly as if it had taken it. Any other kind of mutex, and any process where something
-// watches the pthread calls (a race checker), goes through the C library.
-#if defined(__GLIBC__) && __has_include(<sys/single_threaded.h>) && !defined(__SANITIZE_THREAD__)
-#define VOKT_DIRECT_TRY 1
-#include <linux/futex.h>
-#include <sys/single_threaded.h>
-#include <sys/syscall.h>
-constexpr bool kDirectTryBuilt = true;
-#else
-constexpr bool kDirectTryBuilt = false;
-#endif
-
 // Race checkers see lock operations only through the pthread calls they intercept: the
 // thread sanitizer's runtime is in the program, valgrind's tools are preloaded.
 extern "C" void __tsan_init() __attribute__((weak));  // NOLINT(bugprone-reserved-identifier)
@@ -73,63 +37,22 @@ bool Watched() {
     const char *preload = getenv("LD_PRELOAD");  // NOLINT(concurrency-mt-unsafe): read once at load
     return preload && (strstr(preload, "helgrind") || strstr(preload, "drd"));
 }
-const bool g_directTry = kDirectTryBuilt && !Watched();
 
-#ifdef VOKT_DIRECT_TRY
-bool DirectTry(pthread_mutex_t *mutex, pid_t tid) {
-    int *word = &mutex->__data.__lock;
-    if (__atomic_load_n(word, __ATOMIC_RELAXED) != 0) return false;
-    if (__libc_single_threaded) {
-        __atomic_store_n(word, 1, __ATOMIC_RELAXED);
-    } else {
-        int expected = 0;
-        if (!__atomic_compare_exchange_n(word, &expected, 1, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) return false;
-    }
-    mutex->__data.__owner = tid;
-    ++mutex->__data.__nusers;
-    return true;
+using vokt::LoadOwner;
+using vokt::StoreOwner;
+using vokt::t_identity;
+
+const vokt::Identity &Known() {
+    if (t_identity.self == 0) t_identity.self = pthread_self();
+    if (t_identity.tid == 0) t_identity.tid = gettid();
+    return t_identity;
 }
-// The C library's unlock of a default mutex: clear the bookkeeping, free the word, and wake
-// one sleeper if the word said there were any (2).
-void DirectUnlock(pthread_mutex_t *mutex) {
-    mutex->__data.__owner = 0;
-    --mutex->__data.__nusers;
-    int *word = &mutex->__data.__lock;
-    if (__libc_single_threaded) {
-        __atomic_store_n(word, 0, __ATOMIC_RELAXED);
-    } else if (__atomic_exchange_n(word, 0, __ATOMIC_RELEASE) > 1) {
-        syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
-    }
-}
-bool Direct(const pthread_mutex_t *mutex) {
-    return g_directTry && __atomic_load_n(&mutex->__data.__kind, __ATOMIC_RELAXED) == PTHREAD_MUTEX_TIMED_NP;
-}
-#endif
 
 bool TryLock(pthread_mutex_t *mutex) {
-#ifdef VOKT_DIRECT_TRY
-    if (Direct(mutex)) return DirectTry(mutex, Known().tid);
+#ifdef VOKT_DIRECT_LOCK
+    if (vokt::Direct(mutex)) return vokt::DirectTry(mutex, Known().tid);
 #endif
     return pthread_mutex_trylock(mutex) == 0;
-}
-
-// The last two steps of Mutex_Lock, for a caller that now holds the lock.
-void Hold(Mutex *m, pthread_t self) {
-    if (m->spinCount == 0) StoreOwner(m, self);
-    m->spinCount++;
-}
-
-// Mutex_Lock whole: try; when that fails, compare the owner with the caller (only the
-// holder can see its own identifier there, so an unlocked read is enough); block unless
-// the caller holds it already; then hold.
-[[gnu::noinline]] void LockGeneral(Mutex *m) {
-    if (!TryLock(&m->mutex) && LoadOwner(m) != Known().self) pthread_mutex_lock(&m->mutex);
-    Hold(m, Known().self);
-}
-
-[[gnu::noinline]] void Block(Mutex *m, pthread_t self) {
-    pthread_mutex_lock(&m->mutex);
-    Hold(m, self);
 }
 
 // Absolute wall-clock deadline. The whole seconds pass through a signed 32-bit number,
@@ -339,6 +262,32 @@ int32_t RegistryAnswer(pthread_t id) {
 
 }  // namespace
 
+namespace vokt {
+
+__thread Identity t_identity __attribute__((tls_model("initial-exec"))) = {};
+#ifdef VOKT_DIRECT_LOCK
+const bool g_directLock = !Watched();
+#else
+const bool g_directLock = false;
+#endif
+
+// Mutex_Lock whole: try; when that fails, compare the owner with the caller (only the
+// holder can see its own identifier there, so an unlocked read is enough); block unless
+// the caller holds it already; then hold.
+[[gnu::noinline]] void LockGeneral(Mutex *m) {
+    if (!TryLock(&m->mutex) && LoadOwner(m) != Known().self) pthread_mutex_lock(&m->mutex);
+    Hold(m, Known().self);
+}
+
+[[gnu::noinline]] void Block(Mutex *m, pthread_t self) {
+    pthread_mutex_lock(&m->mutex);
+    Hold(m, self);
+}
+
+void ReportUnlockOfFree() { ReportAssertion("m->spinCount>0", 103); }
+
+}  // namespace vokt
+
 extern "C" {
 
 void Mutex_Init(Mutex *m) {
@@ -351,32 +300,9 @@ void Mutex_Init(Mutex *m) {
     m->spinCount = 0;
 }
 
-void Mutex_Lock(Mutex *m) {
-    if (!m) return;
-#ifdef VOKT_DIRECT_TRY
-    // The same steps without a call on the way, once this thread's identifiers are known.
-    const Identity id = t_identity;
-    if (id.tid != 0 && Direct(&m->mutex)) {
-        if (!DirectTry(&m->mutex, id.tid) && LoadOwner(m) != id.self) return Block(m, id.self);
-        return Hold(m, id.self);
-    }
-#endif
-    LockGeneral(m);
-}
+void Mutex_Lock(Mutex *m) { vokt::Lock(m); }
 
-void Mutex_Unlock(Mutex *m) {
-    if (!m) return;
-    SYNC_ASSERT(m->spinCount>0, 103);
-    m->spinCount--;
-    // An unlock of a free mutex leaves the depth at -1 and releases nothing; clamping it
-    // would hide the caller's mistake.
-    if (m->spinCount != 0) return;
-    StoreOwner(m, 0);
-#ifdef VOKT_DIRECT_TRY
-    if (Direct(&m->mutex)) return DirectUnlock(&m->mutex);
-#endif
-    pthread_mutex_unlock(&m->mutex);
-}
+void Mutex_Unlock(Mutex *m) { vokt::Unlock(m); }
 
 void Mutex_Destroy(Mutex *m) {
     // Deliberately empty: the mutex may be initialised and used again.

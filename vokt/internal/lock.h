@@ -1,0 +1,123 @@
+// Private: Mutex_Lock and Mutex_Unlock as inline paths, so that the library's own locks
+// (synchronised vectors, the log, the error store) cost no call in the common case. The
+// general and blocking paths stay in the sync module.
+#ifndef VOKT_INTERNAL_LOCK_H
+#define VOKT_INTERNAL_LOCK_H
+
+#include <pthread.h>
+#include <sys/types.h>
+
+#include "vokt/sync/vokt_sync.h"
+
+// The try step on a default POSIX mutex is done here instead of through the C library's
+// general trylock, which saves five registers and dispatches on the mutex kind through a
+// jump table before its one compare-and-swap. This is that compare-and-swap of the lock
+// word from free (0) to held (1), or a plain store while the process has one thread (as
+// the C library's own lock and unlock do then), plus the two bookkeeping fields the C
+// library writes: its unlock, lock and condition waits then find the mutex exactly as if it
+// had taken it, and the release below is its unlock. Any other kind of mutex, and any
+// process where something watches the pthread calls (a race checker), goes through the C
+// library.
+#if defined(__GLIBC__) && __has_include(<sys/single_threaded.h>) && !defined(__SANITIZE_THREAD__)
+#define VOKT_DIRECT_LOCK 1
+#include <linux/futex.h>
+#include <sys/single_threaded.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#endif
+
+namespace vokt {
+
+// The calling thread's identifiers, asked of the C library once per thread. A forked child
+// keeps its thread's pthread identifier but not its kernel one (the fork handler clears
+// that), so a known kernel identifier means both are known.
+struct Identity {
+    pthread_t self;
+    pid_t tid;
+};
+// (__thread rather than thread_local: nothing to construct, so no initialisation check on reads.)
+extern __thread Identity t_identity __attribute__((tls_model("initial-exec")));
+// False until the library has loaded, and when a race checker watches the process.
+extern const bool g_directLock;
+
+// The general paths: Mutex_Lock whole, blocking for a caller that does not hold the lock,
+// and the release through the C library.
+void LockGeneral(Mutex *m);
+void Block(Mutex *m, pthread_t self);
+void ReportUnlockOfFree();
+
+// The owner is read without the lock by other threads; relaxed atomics keep the race
+// checker informed without changing the generated moves.
+inline pthread_t LoadOwner(const Mutex *m) { return __atomic_load_n(&m->owner, __ATOMIC_RELAXED); }
+inline void StoreOwner(Mutex *m, pthread_t id) { __atomic_store_n(&m->owner, id, __ATOMIC_RELAXED); }
+
+// The last two steps of Mutex_Lock, for a caller that now holds the lock.
+inline void Hold(Mutex *m, pthread_t self) {
+    if (m->spinCount == 0) StoreOwner(m, self);
+    m->spinCount++;
+}
+
+#ifdef VOKT_DIRECT_LOCK
+inline bool Direct(const pthread_mutex_t *mutex) {
+    return g_directLock && __atomic_load_n(&mutex->__data.__kind, __ATOMIC_RELAXED) == PTHREAD_MUTEX_TIMED_NP;
+}
+
+inline bool DirectTry(pthread_mutex_t *mutex, pid_t tid) {
+    int *word = &mutex->__data.__lock;
+    if (__atomic_load_n(word, __ATOMIC_RELAXED) != 0) return false;
+    if (__libc_single_threaded) {
+        __atomic_store_n(word, 1, __ATOMIC_RELAXED);
+    } else {
+        int expected = 0;
+        if (!__atomic_compare_exchange_n(word, &expected, 1, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) return false;
+    }
+    mutex->__data.__owner = tid;
+    ++mutex->__data.__nusers;
+    return true;
+}
+
+// The C library's unlock of a default mutex: clear the bookkeeping, free the word, and wake
+// one sleeper if the word said there were any (2).
+inline void DirectUnlock(pthread_mutex_t *mutex) {
+    mutex->__data.__owner = 0;
+    --mutex->__data.__nusers;
+    int *word = &mutex->__data.__lock;
+    if (__libc_single_threaded) {
+        __atomic_store_n(word, 0, __ATOMIC_RELAXED);
+    } else if (__atomic_exchange_n(word, 0, __ATOMIC_RELEASE) > 1) {
+        syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+    }
+}
+#endif
+
+// Mutex_Lock: try, compare the owner, block; then hold. Without a call on the way once this
+// thread's identifiers are known.
+[[gnu::always_inline]] inline void Lock(Mutex *m) {
+    if (!m) return;
+#ifdef VOKT_DIRECT_LOCK
+    const Identity id = t_identity;
+    if (id.tid != 0 && Direct(&m->mutex)) {
+        if (!DirectTry(&m->mutex, id.tid) && LoadOwner(m) != id.self) return Block(m, id.self);
+        return Hold(m, id.self);
+    }
+#endif
+    LockGeneral(m);
+}
+
+// Mutex_Unlock. An unlock of a free mutex is reported, leaves the depth at -1 and releases
+// nothing; clamping it would hide the caller's mistake.
+[[gnu::always_inline]] inline void Unlock(Mutex *m) {
+    if (!m) return;
+    if (m->spinCount <= 0) ReportUnlockOfFree();
+    m->spinCount--;
+    if (m->spinCount != 0) return;
+    StoreOwner(m, 0);
+#ifdef VOKT_DIRECT_LOCK
+    if (Direct(&m->mutex)) return DirectUnlock(&m->mutex);
+#endif
+    pthread_mutex_unlock(&m->mutex);
+}
+
+}  // namespace vokt
+
+#endif
