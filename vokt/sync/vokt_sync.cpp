@@ -29,6 +29,7 @@ constexpr char kModule[] = "vokt_sync";
         if (!(cond)) ReportAssertion(#cond, line); \
     } while (0)
 
+#ifdef VOKT_DIRECT_LOCK
 // Race checkers see lock operations only through the pthread calls they intercept: the
 // thread sanitizer's runtime is in the program, valgrind's tools are preloaded.
 extern "C" void __tsan_init() __attribute__((weak));  // NOLINT(bugprone-reserved-identifier)
@@ -37,6 +38,7 @@ bool Watched() {
     const char *preload = getenv("LD_PRELOAD");  // NOLINT(concurrency-mt-unsafe): read once at load
     return preload && (strstr(preload, "helgrind") || strstr(preload, "drd"));
 }
+#endif
 
 using vokt::LoadOwner;
 using vokt::StoreOwner;
