@@ -23,9 +23,10 @@ extern const ObjectSetDescriptor kObjectSetClass;
 int32_t BucketOf(const void *object, int32_t bucketCount) {
     const int32_t hash = static_cast<const Object *>(object)->ftbl->Hash(object);
     const int32_t magnitude = hash < 0 ? static_cast<int32_t>(0u - static_cast<uint32_t>(hash)) : hash;
+    if (bucketCount <= 0) return 0;  // only a record written over by hand has no buckets
     // A power of two (as every count the set makes is) divides 2^31, so the remainder is
     // the low bits, the most negative hash's included.
-    if (bucketCount > 0 && (bucketCount & (bucketCount - 1)) == 0)
+    if ((bucketCount & (bucketCount - 1)) == 0)
         return static_cast<int32_t>(static_cast<uint32_t>(magnitude) & static_cast<uint32_t>(bucketCount - 1));
     const int32_t bucket = magnitude % bucketCount;
     return bucket < 0 ? -bucket : bucket;

@@ -106,6 +106,7 @@ static inline void *Vector_AddInline(Vector *v, void *obj) {
  *  every time. */
 #ifndef VOKT_NO_INLINE_PATHS
 #define Vector_GetAt(v, index) Vector_GetAtInline((v), (index))
+/** Calls of Vector_Add(v, obj) take Vector_AddInline. */
 #define Vector_Add(v, obj) Vector_AddInline((v), (obj))
 #endif
 #endif

@@ -50,7 +50,7 @@ VOKT_API void Object_Destroy(void *object);
 /** (extension) The version of the library actually loaded, as VOKT_VERSION_NUMBER gives it
  * for the headers a program was built with. Any thread. */
 VOKT_API int32_t Runtime_VersionNumber(void);
-/** (extension) The loaded library's version as text ("1.1.0"); static, never freed. */
+/** (extension) The loaded library's version as text (for example "1.2.0"); static, never freed. */
 VOKT_API const char *Runtime_VersionString(void);
 /** Start-up routine: initialises the error-store and log mutexes and seeds rand(). It runs
  * once per process: later calls, from any thread, wait for the first to finish and then

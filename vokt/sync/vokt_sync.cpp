@@ -32,7 +32,8 @@ constexpr char kModule[] = "vokt_sync";
 #ifdef VOKT_DIRECT_LOCK
 // Race checkers see lock operations only through the pthread calls they intercept: the
 // thread sanitizer's runtime is in the program, valgrind's tools are preloaded.
-extern "C" void __tsan_init() __attribute__((weak));  // NOLINT(bugprone-reserved-identifier)
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the sanitizer runtime's own name
+extern "C" void __tsan_init() __attribute__((weak));
 bool Watched() {
     if (__tsan_init != nullptr) return true;
     const char *preload = getenv("LD_PRELOAD");  // NOLINT(concurrency-mt-unsafe): read once at load
