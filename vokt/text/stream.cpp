@@ -197,6 +197,8 @@ void Stream_Check(const Stream *stream) {
 }
 
 int32_t Stream_IsEOF(const Stream *stream) {
+    // A file stream with its file is what Stream_Check passes: answer at once.
+    if (stream && stream->type == FILE_STREAM && stream->file) return stream->bEof;
     Stream_Check(stream);
     return stream ? stream->bEof : 1;
 }

@@ -223,7 +223,10 @@ void String_Check(const String *ps) {
         VOKT_ASSERT(ps->string == NULL);
 }
 
-int32_t String_IsSet(const String *s) { return Usable(s) ? s->bIsSet : 0; }
+int32_t String_IsSet(const String *s) {
+    if (HasText(s)) return s->bIsSet;  // nothing to report
+    return Usable(s) ? s->bIsSet : 0;
+}
 
 int32_t String_Length(const String *s) {
     if (!Usable(s) || !s->bIsSet) return 0;
