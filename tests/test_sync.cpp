@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -74,9 +75,15 @@ TEST(Sync, MutexIsRecursiveAndHandedOverOnlyAfterTheLastUnlock) {
 
 // The C library must find a Mutex's POSIX mutex as if it had locked it itself: busy while
 // held, owned by the holding thread, and without users once released.
-void ExpectPosixViewOfTheLock() {
+void ExpectPosixViewOfTheLock(int kind = PTHREAD_MUTEX_DEFAULT) {
     Mutex m;
     Mutex_Init(&m);
+    if (kind != PTHREAD_MUTEX_DEFAULT) {  // a caller may remake the POSIX mutex of another kind
+        pthread_mutexattr_t attributes;
+        pthread_mutexattr_init(&attributes);
+        pthread_mutexattr_settype(&attributes, kind);
+        pthread_mutex_init(&m.mutex, &attributes);
+    }
     Mutex_Lock(&m);
     Mutex_Lock(&m);
     EXPECT_EQ(pthread_mutex_trylock(&m.mutex), EBUSY);
@@ -90,7 +97,7 @@ void ExpectPosixViewOfTheLock() {
 
 TEST(Sync, PosixMutexSeesTheLockAsItsOwn) {
     ExpectPosixViewOfTheLock();  // a process that has never had a second thread
-    EXPECT_EQ(test::InChild(ExpectPosixViewOfTheLock), 0);  // a new kernel identifier
+    EXPECT_EQ(test::InChild([] { ExpectPosixViewOfTheLock(); }), 0);  // a new kernel identifier
     Thread t;
     Thread_CreateJoinable(&t, [](void *) -> void * {
         ExpectPosixViewOfTheLock();
@@ -98,6 +105,24 @@ TEST(Sync, PosixMutexSeesTheLockAsItsOwn) {
     }, nullptr);
     Thread_Join(t);
     ExpectPosixViewOfTheLock();  // now with other threads about
+    ExpectPosixViewOfTheLock(PTHREAD_MUTEX_ERRORCHECK);
+}
+
+// A process that a race checker watches (here one that names valgrind's DRD in its preload
+// list) takes every lock through the C library's calls, with the same results.
+TEST(Sync, MutexBehavesTheSameUnderARaceChecker) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        setenv("LD_PRELOAD", "/nonexistent/vgpreload_drd-amd64-linux.so", 1);
+        freopen("/dev/null", "w", stdout);
+        freopen("/dev/null", "w", stderr);
+        execl("/proc/self/exe", "vokt_tests", "--gtest_filter=Sync.MutexIs*:Sync.PosixMutex*", nullptr);
+        _exit(127);
+    }
+    int status = 0;
+    waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 TEST(Sync, ConditionKeepsOneSignalAndTimesOut) {

@@ -46,11 +46,11 @@ bool AllUsable(std::initializer_list<const String *> strings) {
     return all;
 }
 
-// String_Equals for anything but two set Strings with texts: each is checked and reported.
+// String_Equals for anything but two set Strings with texts: nothing to compare, but each
+// is checked and reported.
 [[gnu::noinline]] int32_t EqualsChecked(const String *a, const String *b) {
-    const bool usable = AllUsable({a, b});
-    if (!usable || !a->bIsSet || !b->bIsSet || !a->string || !b->string) return 0;
-    return strcmp(a->string, b->string) == 0 ? 1 : 0;
+    AllUsable({a, b});
+    return 0;
 }
 
 // Stores an exact-fit copy of n bytes. The old text is released only after the copy
@@ -374,9 +374,8 @@ int String_Compare(const void *pa, const void *pb) {
 
 int32_t String_Hash(const String *s) {
     if (HasText(s)) return static_cast<int32_t>(vokt::OneAtATime(s->string, s->length));
-    const int32_t length = String_Length(s);
-    if (length <= 0 || !s->string) return 0;
-    return static_cast<int32_t>(vokt::OneAtATime(s->string, static_cast<size_t>(length)));
+    String_Check(s);  // anything else has no text to hash, and may have something to report
+    return 0;
 }
 
 int32_t String_StartsWith(const String *s, const char *prefix) {
