@@ -99,6 +99,11 @@ TEST(Vector, AssertionsAndFailuresAreSurvived) {
         EXPECT_EQ(v->mutex->spinCount, 1);
         EXPECT_EQ(v->data, before);
         Vector_Unlock(v);
+        // Reads under the lock let it go again; one past the end is reported once.
+        EXPECT_EQ(Vector_GetAt(v, 9), e);
+        EXPECT_EQ(Vector_GetAt(v, 10), nullptr);
+        EXPECT_EQ(v->mutex->spinCount, 0);
+        EXPECT_EQ(test::Count(test::ReadFile("vokt.log"), "Assertion failed"), 6);
         // ...and the next adds grow the array to that capacity instead of writing past it.
         EXPECT_EQ(Vector_Add(v, e), e);
         EXPECT_EQ(Vector_Add(v, nullptr), nullptr);
