@@ -113,7 +113,8 @@ bench: deps
 	@cmake/install-deps.sh libbenchmark-dev libglib2.0-dev gnuplot-nox
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVOKT_BUILD_BENCH=ON >/dev/null
 	@cmake --build $(BUILD) -j$(JOBS)
-	@$(BUILD)/bench/bench_paths --out-dir=$(BUILD)/bench --benchmark_min_time=0.2 $(BENCH_ARGS)
+	@$(BUILD)/bench/bench_paths --out-dir=$(BUILD)/bench --benchmark_min_time=0.05 --benchmark_repetitions=5 \
+	  --benchmark_display_aggregates_only=true $(BENCH_ARGS)
 
 # The .tar.gz and the Debian packages (libvokt1, libvokt-dev) under $(BUILD)/packages.
 package: all

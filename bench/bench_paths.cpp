@@ -588,8 +588,15 @@ std::vector<Path> Paths() {
 class Collector : public benchmark::ConsoleReporter {
 public:
     std::map<std::string, double> ns;
+    // One time per member: the run itself, or the median of its repetitions, which a
+    // short noisy moment of a shared machine does not move.
     void ReportRuns(const std::vector<Run> &runs) override {
-        for (const auto &run : runs) ns[run.benchmark_name()] = run.GetAdjustedRealTime();
+        for (const auto &run : runs) {
+            if (run.run_type == Run::RT_Iteration && run.repetitions <= 1)
+                ns[run.run_name.function_name] = run.GetAdjustedRealTime();
+            else if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median")
+                ns[run.run_name.function_name] = run.GetAdjustedRealTime();
+        }
         ConsoleReporter::ReportRuns(runs);
     }
 };
@@ -697,6 +704,11 @@ void WriteTables(const std::string &dir, const std::vector<Path> &paths, const s
 }  // namespace
 
 int main(int argc, char **argv) {
+    // A steady heap for every member: glibc otherwise trims the heap back to the system
+    // and moves its threshold for mapped blocks as large blocks come and go, and whichever
+    // member runs next pays for that.
+    mallopt(M_TRIM_THRESHOLD, 256 << 20);
+    mallopt(M_MMAP_THRESHOLD, 32 << 20);
     Runtime_Init();
     std::string dir = ".";
     for (int i = 1; i < argc; i++)
