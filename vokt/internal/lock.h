@@ -30,7 +30,8 @@ namespace vokt {
 
 // The calling thread's identifiers, asked of the C library once per thread. A forked child
 // keeps its thread's pthread identifier but not its kernel one (the fork handler clears
-// that), so a known kernel identifier means both are known.
+// that), so a known kernel identifier means both are known. The kernel one is kept only
+// where locks are taken directly (g_directLock).
 struct Identity {
     pthread_t self;
     pid_t tid;
@@ -44,7 +45,7 @@ extern const bool g_directLock;
 // and the release through the C library.
 void LockGeneral(Mutex *m);
 void Block(Mutex *m, pthread_t self);
-void ReportUnlockOfFree();
+void ReleaseReported(Mutex *m);  // the report for a free mutex, then Release
 
 // The owner is read without the lock by other threads; relaxed atomics keep the race
 // checker informed without changing the generated moves.
@@ -58,9 +59,10 @@ inline void Hold(Mutex *m, pthread_t self) {
 }
 
 #ifdef VOKT_DIRECT_LOCK
-inline bool Direct(const pthread_mutex_t *mutex) {
-    return g_directLock && __atomic_load_n(&mutex->__data.__kind, __ATOMIC_RELAXED) == PTHREAD_MUTEX_TIMED_NP;
+inline bool DefaultKind(const pthread_mutex_t *mutex) {
+    return __atomic_load_n(&mutex->__data.__kind, __ATOMIC_RELAXED) == PTHREAD_MUTEX_TIMED_NP;
 }
+inline bool Direct(const pthread_mutex_t *mutex) { return g_directLock && DefaultKind(mutex); }
 
 inline bool DirectTry(pthread_mutex_t *mutex, pid_t tid) {
     int *word = &mutex->__data.__lock;
@@ -76,6 +78,11 @@ inline bool DirectTry(pthread_mutex_t *mutex, pid_t tid) {
     return true;
 }
 
+// Wakes one thread sleeping on a lock word (the C library's own wake for a private mutex).
+[[gnu::cold, gnu::noinline]] inline void Wake(int *word) {
+    syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+}
+
 // The C library's unlock of a default mutex: clear the bookkeeping, free the word, and wake
 // one sleeper if the word said there were any (2).
 inline void DirectUnlock(pthread_mutex_t *mutex) {
@@ -85,7 +92,7 @@ inline void DirectUnlock(pthread_mutex_t *mutex) {
     if (__libc_single_threaded) {
         __atomic_store_n(word, 0, __ATOMIC_RELAXED);
     } else if (__atomic_exchange_n(word, 0, __ATOMIC_RELEASE) > 1) {
-        syscall(SYS_futex, word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+        Wake(word);
     }
 }
 #endif
@@ -96,7 +103,7 @@ inline void DirectUnlock(pthread_mutex_t *mutex) {
     if (!m) return;
 #ifdef VOKT_DIRECT_LOCK
     const Identity id = t_identity;
-    if (id.tid != 0 && Direct(&m->mutex)) {
+    if (id.tid != 0 && DefaultKind(&m->mutex)) {  // a known kernel identifier: g_directLock holds
         if (!DirectTry(&m->mutex, id.tid) && LoadOwner(m) != id.self) return Block(m, id.self);
         return Hold(m, id.self);
     }
@@ -104,11 +111,8 @@ inline void DirectUnlock(pthread_mutex_t *mutex) {
     LockGeneral(m);
 }
 
-// Mutex_Unlock. An unlock of a free mutex is reported, leaves the depth at -1 and releases
-// nothing; clamping it would hide the caller's mistake.
-[[gnu::always_inline]] inline void Unlock(Mutex *m) {
-    if (!m) return;
-    if (m->spinCount <= 0) ReportUnlockOfFree();
+// Releases one level; the POSIX mutex goes at the last.
+[[gnu::always_inline]] inline void Release(Mutex *m) {
     m->spinCount--;
     if (m->spinCount != 0) return;
     StoreOwner(m, 0);
@@ -116,6 +120,14 @@ inline void DirectUnlock(pthread_mutex_t *mutex) {
     if (Direct(&m->mutex)) return DirectUnlock(&m->mutex);
 #endif
     pthread_mutex_unlock(&m->mutex);
+}
+
+// Mutex_Unlock. An unlock of a free mutex is reported, leaves the depth at -1 and releases
+// nothing; clamping it would hide the caller's mistake.
+[[gnu::always_inline]] inline void Unlock(Mutex *m) {
+    if (!m) return;
+    if (m->spinCount <= 0) return ReleaseReported(m);
+    Release(m);
 }
 
 }  // namespace vokt

@@ -45,9 +45,11 @@ using vokt::LoadOwner;
 using vokt::StoreOwner;
 using vokt::t_identity;
 
+// The kernel identifier is only needed (and only kept) where locks are taken directly, so
+// a known one also says that they are.
 const vokt::Identity &Known() {
     if (t_identity.self == 0) t_identity.self = pthread_self();
-    if (t_identity.tid == 0) t_identity.tid = gettid();
+    if (t_identity.tid == 0 && vokt::g_directLock) t_identity.tid = gettid();
     return t_identity;
 }
 
@@ -287,7 +289,10 @@ const bool g_directLock = false;
     Hold(m, self);
 }
 
-void ReportUnlockOfFree() { ReportAssertion("m->spinCount>0", 103); }
+[[gnu::cold, gnu::noinline]] void ReleaseReported(Mutex *m) {
+    ReportAssertion("m->spinCount>0", 103);
+    Release(m);
+}
 
 }  // namespace vokt
 
