@@ -41,8 +41,8 @@ extern __thread Identity t_identity __attribute__((tls_model("initial-exec")));
 // False until the library has loaded, and when a race checker watches the process.
 extern const bool g_directLock;
 
-// The general paths: Mutex_Lock whole, blocking for a caller that does not hold the lock,
-// and the release through the C library.
+// The paths kept out of line: Mutex_Lock whole, blocking for a caller that does not hold
+// the lock, and the unlock of a free mutex (reported, then released as any other).
 void LockGeneral(Mutex *m);
 void Block(Mutex *m, pthread_t self);
 void ReleaseReported(Mutex *m);  // the report for a free mutex, then Release
