@@ -474,14 +474,16 @@ void PeerAppend(benchmark::State &state) {
 #endif
 
 // Every line of the 1 MB file, through a stdio file or a descriptor.
+void ReadEveryLine(Stream *stream) {
+    String *line = String_New();
+    while (Stream_ReadLine(stream, line) == 0 && !Stream_IsEOF(stream)) benchmark::DoNotOptimize(line->string);
+    String_Destroy(line);
+    Stream_Destroy(stream);
+}
 void VoktFileLines(benchmark::State &state) {
     for (auto _ : state) {
         FILE *f = fopen(g_file.c_str(), "r");
-        Stream *stream = Stream_NewFromFile(f);
-        String *line = String_New();
-        while (Stream_ReadLine(stream, line) == 0 && !Stream_IsEOF(stream)) benchmark::DoNotOptimize(line->string);
-        String_Destroy(line);
-        Stream_Destroy(stream);
+        ReadEveryLine(Stream_NewFromFile(f));
         fclose(f);
     }
 }
@@ -518,11 +520,7 @@ void PeerFileLines(benchmark::State &state) {
 void VoktHandleLines(benchmark::State &state) {
     for (auto _ : state) {
         const int fd = open(g_file.c_str(), O_RDONLY);
-        Stream *stream = Stream_NewFromHandle(fd);
-        String *line = String_New();
-        while (Stream_ReadLine(stream, line) == 0 && !Stream_IsEOF(stream)) benchmark::DoNotOptimize(line->string);
-        String_Destroy(line);
-        Stream_Destroy(stream);
+        ReadEveryLine(Stream_NewFromHandle(fd));
         close(fd);
     }
 }
