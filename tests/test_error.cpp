@@ -47,6 +47,18 @@ TEST(Error, StoreHandsOutReferencesAndReusesHoles) {
             EXPECT_GT(log.find(text), last);  // in this order
             last = log.find(text);
         }
+
+        // A mistaken Take (a reference never issued, or one taken already) changes nothing,
+        // so it cannot free the store under another holder's error.
+        const int32_t mine = Register("mine"), theirs = Register("theirs");
+        EXPECT_EQ(ErrorStore_Take(0x40000009), nullptr);
+        Drop(mine);
+        EXPECT_EQ(ErrorStore_Take(mine), nullptr);
+        ASSERT_EQ(ErrorStore_IsError(theirs), 1);
+        EXPECT_STREQ(ErrorStore_Get(theirs)->message->string, "theirs");
+        Drop(theirs);
+        EXPECT_EQ(Register("g"), 0x40000001) << "the store was released once it was empty";
+        Drop(0x40000001);
     }));
 }
 
@@ -62,6 +74,8 @@ TEST(Error, CombineKeepsTheHigherPriority) {
         const int32_t urgent = ErrorStore_Register(Error_NewFriendly(14, "urgent"));
         EXPECT_EQ(ErrorStore_Combine(first, urgent), urgent);
         EXPECT_EQ(ErrorStore_IsError(first), 0);
+        EXPECT_EQ(ErrorStore_Combine(urgent, urgent), urgent);
+        EXPECT_EQ(ErrorStore_IsError(urgent), 1) << "an error combined with itself is kept";
         Drop(urgent);
         int32_t table[104];
         for (auto &p : table) p = 7;

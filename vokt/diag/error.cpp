@@ -307,14 +307,16 @@ Error *ErrorStore_Take(int32_t ref) {
         vokt::MutexGuard lock(&g_storeMutex);
         found = LookUpLocked(ref);
         Vector *store = global_error_store;
-        if (store && found.index >= 0 && found.index < store->size) {
+        // A reference that names no stored error (taken already, or never issued) is
+        // reported and changes nothing: the count stays the number of errors held, so a
+        // caller's mistake can never free the store under errors that others still hold.
+        if (found.failed == 0) {
             if (found.index == store->size - 1)
                 Vector_RemoveAt(store, found.index);
             else
                 store->data[found.index] = nullptr;  // a hole, filled by a later registration
+            g_errorCount--;
         }
-        // Decremented even for an invalid reference: the count has always worked so.
-        g_errorCount--;
         if (g_errorCount == 0 && store) {
             emptied = store;
             global_error_store = nullptr;
@@ -337,7 +339,7 @@ void ErrorStore_Check(int32_t ref) {
 
 int32_t ErrorStore_Combine(int32_t a, int32_t b) {
     if (a == 0) return b;
-    if (b == 0) return a;
+    if (b == 0 || a == b) return a;  // an error combined with itself survives whole
     const Error *ea = ErrorStore_Get(a);
     const Error *eb = ErrorStore_Get(b);
     if (!eb) return a;

@@ -42,11 +42,14 @@ VOKT_API int32_t ErrorStore_Register(Error *e);
 VOKT_API int32_t ErrorStore_IsError(int32_t ref);
 /** The Error of ref, left in the store (borrowed). */
 VOKT_API Error *ErrorStore_Get(int32_t ref);
-/** The Error of ref, removed from the store: the caller frees it with Error_Free. */
+/** The Error of ref, removed from the store: the caller frees it with Error_Free. A reference
+ *  that names no stored error (taken already, or never issued) is reported, gives null and
+ *  changes nothing in the store. */
 VOKT_API Error *ErrorStore_Take(int32_t ref);
 /** Reports an invalid reference through the assertion log. */
 VOKT_API void ErrorStore_Check(int32_t ref);
-/** Keeps the error of higher priority (the first on a tie) and frees the other. */
+/** Keeps the error of higher priority (the first on a tie) and frees the other; a reference
+ *  combined with itself is returned untouched. */
 VOKT_API int32_t ErrorStore_Combine(int32_t a, int32_t b);
 /** Logs the error's module, line, code and message at the debug level. */
 VOKT_API void Error_Trace(int32_t ref, const char *module, int32_t line);
