@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <fstream>
 #include <regex>
 #include <sstream>
@@ -96,6 +97,18 @@ int SweepAllocations(const std::function<void(long n)> &op) {
         FailAllocation(0);
         if (!injected) return static_cast<int>(n);
     }
+}
+
+bool WaitFor(const char *what, const std::function<bool()> &done, double seconds) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            ADD_FAILURE() << "gave up after " << seconds << " s waiting for " << what;
+            return false;
+        }
+        usleep(1000);
+    }
+    return true;
 }
 
 std::string ReadFile(const std::string &path) {

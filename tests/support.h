@@ -24,6 +24,10 @@ int InChild(const std::function<void()> &body);
 // an injected failure; returns the number of runs.
 int SweepAllocations(const std::function<void(long n)> &op);
 
+// Polls done until it holds or seconds have passed; on time-out the test fails with a
+// message naming what it waited for.
+bool WaitFor(const char *what, const std::function<bool()> &done, double seconds = 5);
+
 std::string ReadFile(const std::string &path);
 void WriteFile(const std::string &path, const std::string &text);
 // True when log holds the assertion report of text from module, followed by the

@@ -220,4 +220,45 @@ TEST(Log, SizeCheckDescriptorsAreClosedOnExec) {
     }));
 }
 
+// Blocks the first thread that allocates twice in the log (it then holds the log's lock)
+// until the test lets it go.
+std::atomic<int> g_holdStage{0};
+thread_local int t_allocations = 0;
+void *HoldingMalloc(size_t n) {
+    if (++t_allocations == 2 && g_holdStage.exchange(1) == 0)
+        test::WaitFor("the test to let the logger go", [] { return g_holdStage.load() == 2; });
+    return malloc(n);
+}
+
+void *LogEarly(void *) {
+    Log_Write(0, "early");
+    return nullptr;
+}
+
+// Start-up never initialises the log's or the store's lock again: a thread that logged
+// before it keeps a sound hold, and everyone can log afterwards.
+TEST(Log, StartUpLeavesALockThatIsHeldAlone) {
+    EXPECT_EQ(0, test::InChild([] {
+        const MemoryFunctions holding = {HoldingMalloc, realloc, free};
+        Memory_SetFunctions(&holding);
+        testing::internal::CaptureStderr();
+        Thread t;
+        Thread_CreateJoinable(&t, LogEarly, nullptr);
+        test::WaitFor("a logger inside the log", [] { return g_holdStage.load() == 1; });
+        Runtime_Init();
+        g_holdStage = 2;
+        Thread_Join(t);
+        static std::atomic<bool> logged{false};
+        Thread_Create(&t, [](void *) -> void * {
+            Log_Write(0, "after");
+            Log_Write(0, "after");
+            return logged = true, nullptr;
+        }, nullptr);
+        test::WaitFor("two more lines to get through the log", [] { return logged.load(); });
+        Memory_SetFunctions(nullptr);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+        EXPECT_TRUE(LogIs({": early", ": after", ": after"}));
+    }));
+}
+
 }  // namespace

@@ -106,24 +106,4 @@ TEST(Object, ObjectsOfAnotherClassAreNeverReadAsThoughTheyWereTheProbes) {
     for (void *o : std::initializer_list<void *>{v, set, event, tiny, wide}) Object_Destroy(o);
 }
 
-void *LogLines(void *) {
-    for (int i = 0; i < 2000; i++) Log_Write(0, "line %d", i);
-    return nullptr;
-}
-
-// Start-up runs once: calling it again, from any thread and under load, changes nothing.
-TEST(Object, StartUpRunsOnceHoweverOftenItIsCalled) {
-    EXPECT_EQ(0, test::InChild([] {
-        alarm(60);  // a deadlock ends the child instead of the test run
-        Runtime_Init();
-        testing::internal::CaptureStderr();
-        Thread t;
-        Thread_CreateJoinable(&t, LogLines, nullptr);
-        for (int i = 0; i < 3000; i++) Runtime_Init();
-        Thread_Join(t);
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
-        EXPECT_EQ(test::Count(test::ReadFile("vokt.log"), "\n"), 2000);
-    }));
-}
-
 }  // namespace

@@ -52,7 +52,8 @@ VOKT_API void Object_Destroy(void *object);
 VOKT_API int32_t Runtime_VersionNumber(void);
 /** (extension) The loaded library's version as text (for example "1.2.0"); static, never freed. */
 VOKT_API const char *Runtime_VersionString(void);
-/** Start-up routine: initialises the error-store and log mutexes and seeds rand(). It runs
+/** Start-up routine: the error store's and the log's start-up steps (their mutexes are ready
+ * from load and never initialised again), then seeds rand(). It runs
  * once per process: later calls, from any thread, wait for the first to finish and then
  * do nothing. */
 VOKT_API void Runtime_Init(void);

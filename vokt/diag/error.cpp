@@ -34,7 +34,6 @@ String g_oomString = {&vokt::kStringClass, 1, g_oomText, 18};
 Error g_outOfMemory = {&kErrorClass, &g_oomString, &g_oomString, 1, kCodeOutOfMemory, 0, 101, 1};
 
 Mutex g_storeMutex = {PTHREAD_MUTEX_INITIALIZER, 0, 0};
-pthread_once_t g_initOnce = PTHREAD_ONCE_INIT;
 Vector *global_error_store = nullptr;
 uint64_t g_errorCount = 0;
 
@@ -375,10 +374,8 @@ void NetError_Describe(int32_t number, char *name, int32_t nameLength, char *tex
     if (level) *level = found ? found->level : 50;
 }
 
-// Runs once: see Log_Init.
-void ErrorStore_Init(void) {
-    pthread_once(&g_initOnce, [] { Mutex_Init(&g_storeMutex); });
-}
+// The store's mutex is statically initialised and never initialised again (see Log_Init).
+void ErrorStore_Init(void) {}
 
 void ErrorStore_Shutdown(void) {
     Vector *store;

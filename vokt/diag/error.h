@@ -56,7 +56,8 @@ VOKT_API void Error_Trace(int32_t ref, const char *module, int32_t line);
 /** Name, text and level of a socket or resolver error number; any pointer may be null. */
 VOKT_API void NetError_Describe(int32_t number, char *name, int32_t nameLength, char *text, int32_t textLength,
                                 int32_t *level);
-/** Initialises the store mutex, once; later calls do nothing. */
+/** Start-up step of the store. Its mutex is statically initialised (the store is usable before
+ * any start-up) and never initialised again, so a thread inside the store is undisturbed. */
 VOKT_API void ErrorStore_Init(void);
 /** Frees every stored Error and the store. */
 VOKT_API void ErrorStore_Shutdown(void);

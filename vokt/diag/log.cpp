@@ -184,8 +184,6 @@ void ForkChild() {
 // Registered when the library is loaded, so that it holds even before Runtime_Init.
 [[maybe_unused]] const int g_forkHandlers = pthread_atfork(ForkPrepare, ForkParent, ForkChild);
 
-pthread_once_t g_initOnce = PTHREAD_ONCE_INIT;
-
 class DepthGuard {
 public:
     DepthGuard() { t_depth++; }
@@ -311,11 +309,10 @@ void Log_SetEcho(int32_t flag) {
 
 int32_t Log_GetLevel(void) { return Threshold(); }
 
-// The mutex is ready from the start; initialising it again while a thread holds it would
-// break that thread's hold, so this runs once however often it is called.
-void Log_Init(void) {
-    pthread_once(&g_initOnce, [] { Mutex_Init(&g_mutex); });
-}
+// The mutex is statically initialised, so it is ready before any call, and it is never
+// initialised again: a thread that logged before start-up may be holding it, and a second
+// initialisation would break that hold (and every lock after it).
+void Log_Init(void) {}
 
 void Log_Shutdown(void) {
     Mutex_Lock(&g_mutex);

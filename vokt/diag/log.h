@@ -31,8 +31,10 @@ VOKT_API void Log_SetMaxSize(int32_t kb);
 VOKT_API void Log_SetEcho(int32_t flag);
 /** The threshold in force (-1 before the environment has been read), read without the lock. */
 VOKT_API int32_t Log_GetLevel(void);
-/** Initialises the log mutex, once; later calls do nothing. The log is also safe across
- * fork(): the child can log even if another thread was logging at that moment. */
+/** Start-up step of the log. Its mutex is statically initialised, so the log is usable before
+ * any start-up, and it is never initialised again: this call leaves a thread that is already
+ * logging undisturbed. The log is also safe across fork(): the child can log even if another
+ * thread was logging at that moment. */
 VOKT_API void Log_Init(void);
 /** Last call of the log; no log call may follow. */
 VOKT_API void Log_Shutdown(void);
