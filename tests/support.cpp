@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -87,6 +88,27 @@ int InChild(const std::function<void()> &body) {
     int status = 0;
     waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+bool InFreshProcess(const char *preload) {
+    if (getenv("VOKT_TEST_FRESH")) return true;
+    const auto *info = ::testing::UnitTest::GetInstance()->current_test_info();
+    const std::string filter = std::string("--gtest_filter=") + info->test_suite_name() + "." + info->name();
+    fflush(stdout);
+    fflush(stderr);
+    const pid_t pid = fork();
+    if (pid == 0) {
+        setenv("VOKT_TEST_FRESH", "1", 1);
+        if (preload) setenv("LD_PRELOAD", preload, 1);
+        execl("/proc/self/exe", "vokt_tests", filter.c_str(), nullptr);
+        _exit(127);
+    }
+    int status = 0;
+    const bool ended = WaitFor("the test's own process to end", [&] { return waitpid(pid, &status, WNOHANG) == pid; }, 60);
+    if (!ended) kill(pid, SIGKILL), waitpid(pid, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status)) << "status " << status;
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+    return false;
 }
 
 int SweepAllocations(const std::function<void(long n)> &op) {

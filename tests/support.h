@@ -20,6 +20,12 @@ long LiveBlocks();
 // directory) and returns its exit status: 0 when no expectation failed in it.
 int InChild(const std::function<void()> &body);
 
+// True inside a new run of this program made for the current test alone; in the original
+// process it starts that run (with LD_PRELOAD set to preload when one is given), expects it
+// to pass within a minute, and returns false. For tests that need a process in its first
+// state: never forked, one thread only.
+bool InFreshProcess(const char *preload = nullptr);
+
 // Runs op(n) with the n-th allocation failing, for n = 1, 2, ... until op runs without
 // an injected failure; returns the number of runs.
 int SweepAllocations(const std::function<void(long n)> &op);

@@ -40,7 +40,7 @@ struct Shared {
 void *LockAndMark(void *arg) {
     auto *s = static_cast<Shared *>(arg);
     Mutex_Lock(&s->mutex);
-    s->stage = 1;
+    s->stage++;
     Mutex_Unlock(&s->mutex);
     return nullptr;
 }
@@ -123,6 +123,28 @@ TEST(Sync, MutexBehavesTheSameUnderARaceChecker) {
     waitpid(pid, &status, 0);
     EXPECT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+// A thread sleeping on a Mutex is woken by its release. After the only thread cancelled itself,
+// the C library's exported single-thread flag (in this program's copy) stays set while other
+// threads run; nothing in the lock may rely on it.
+TEST(Sync, ReleaseWakesASleeperAfterASelfCancel) {
+    if (!test::InFreshProcess()) return;
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+    pthread_cancel(pthread_self());
+    static Shared s;
+    Mutex_Init(&s.mutex);
+    for (int round = 1; round <= 3; round++) {
+        Mutex_Lock(&s.mutex);
+        Thread t;
+        Thread_CreateJoinable(&t, LockAndMark, &s);
+#ifdef __GLIBC__
+        ASSERT_TRUE(test::WaitFor("the other thread to sleep on the lock", [] { return s.mutex.mutex.__data.__lock > 1; }));
+#endif
+        Mutex_Unlock(&s.mutex);
+        ASSERT_TRUE(test::WaitFor("the sleeper to be woken and take the lock", [&] { return s.stage.load() == round; }));
+        Thread_Join(t);
+    }
 }
 
 TEST(Sync, ConditionKeepsOneSignalAndTimesOut) {

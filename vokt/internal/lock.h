@@ -12,16 +12,17 @@
 // The try step on a default POSIX mutex is done here instead of through the C library's
 // general trylock, which saves five registers and dispatches on the mutex kind through a
 // jump table before its one compare-and-swap. This is that compare-and-swap of the lock
-// word from free (0) to held (1), or a plain store while the process has one thread (as
-// the C library's own lock and unlock do then), plus the two bookkeeping fields the C
-// library writes: its unlock, lock and condition waits then find the mutex exactly as if it
-// had taken it, and the release below is its unlock. Any other kind of mutex, and any
-// process where something watches the pthread calls (a race checker), goes through the C
-// library.
+// word from free (0) to held (1), plus the two bookkeeping fields the C library writes: its
+// unlock, lock and condition waits then find the mutex exactly as if it had taken it, and
+// the release below is its unlock. Both always use the atomic steps, even while the process
+// seems to have one thread: the C library's exported single-thread flag can stay set after
+// threads have started (a program's copy of it is not updated once a thread has cancelled
+// itself), and a plain store would then lose a sleeper's wake-up. Any other kind of mutex,
+// and any process where something watches the pthread calls (a race checker), goes
+// through the C library.
 #if defined(__GLIBC__) && __has_include(<sys/single_threaded.h>) && !defined(__SANITIZE_THREAD__)
 #define VOKT_DIRECT_LOCK 1
 #include <linux/futex.h>
-#include <sys/single_threaded.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 #endif
@@ -67,12 +68,8 @@ inline bool Direct(const pthread_mutex_t *mutex) { return g_directLock && Defaul
 inline bool DirectTry(pthread_mutex_t *mutex, pid_t tid) {
     int *word = &mutex->__data.__lock;
     if (__atomic_load_n(word, __ATOMIC_RELAXED) != 0) return false;
-    if (__libc_single_threaded) {
-        __atomic_store_n(word, 1, __ATOMIC_RELAXED);
-    } else {
-        int expected = 0;
-        if (!__atomic_compare_exchange_n(word, &expected, 1, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) return false;
-    }
+    int expected = 0;
+    if (!__atomic_compare_exchange_n(word, &expected, 1, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) return false;
     mutex->__data.__owner = tid;
     ++mutex->__data.__nusers;
     return true;
@@ -89,11 +86,7 @@ inline void DirectUnlock(pthread_mutex_t *mutex) {
     mutex->__data.__owner = 0;
     --mutex->__data.__nusers;
     int *word = &mutex->__data.__lock;
-    if (__libc_single_threaded) {
-        __atomic_store_n(word, 0, __ATOMIC_RELAXED);
-    } else if (__atomic_exchange_n(word, 0, __ATOMIC_RELEASE) > 1) {
-        Wake(word);
-    }
+    if (__atomic_exchange_n(word, 0, __ATOMIC_RELEASE) > 1) Wake(word);
 }
 #endif
 
