@@ -7,16 +7,17 @@
 #include <fcntl.h>
 #include <malloc.h>
 #include <pthread.h>
+#include <sched.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <linux/futex.h>
-#include <sys/single_threaded.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <algorithm>
+#include <atomic>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <new>
@@ -44,9 +45,7 @@ thread_local pid_t t_tid = gettid();
 inline bool Try(pthread_mutex_t *m) {
     if (m->__data.__lock != 0) return false;
     int expected = 0;
-    if (__libc_single_threaded)
-        m->__data.__lock = 1;
-    else if (!__atomic_compare_exchange_n(&m->__data.__lock, &expected, 1, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
+    if (!__atomic_compare_exchange_n(&m->__data.__lock, &expected, 1, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
         return false;
     m->__data.__owner = t_tid;
     ++m->__data.__nusers;
@@ -61,9 +60,7 @@ inline void Unlock(RecursiveMutex *m) {
         m->owner = 0;
         m->mutex.__data.__owner = 0;
         --m->mutex.__data.__nusers;
-        if (__libc_single_threaded)
-            m->mutex.__data.__lock = 0;
-        else if (__atomic_exchange_n(&m->mutex.__data.__lock, 0, __ATOMIC_RELEASE) > 1)
+        if (__atomic_exchange_n(&m->mutex.__data.__lock, 0, __ATOMIC_RELEASE) > 1)
             syscall(SYS_futex, &m->mutex.__data.__lock, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
     }
 }
@@ -553,6 +550,44 @@ void BareHandleLines(benchmark::State &state) {
     }
 }
 
+// A thousand short detached threads, each started, run and ended; the iteration waits
+// until the last has run.
+constexpr int kThreads = 1000;
+std::atomic<int> g_running{0};
+void *Finish(void *) {
+    g_running.fetch_sub(1, std::memory_order_release);
+    return nullptr;
+}
+template <typename Start>
+void StartThreads(benchmark::State &state, Start start) {
+    for (auto _ : state) {
+        g_running.store(kThreads);
+        for (int i = 0; i < kThreads; i++) start();
+        while (g_running.load(std::memory_order_acquire) != 0) sched_yield();
+    }
+}
+void VoktThreads(benchmark::State &state) {
+    StartThreads(state, [] {
+        Thread t;
+        Thread_Create(&t, Finish, nullptr);
+    });
+}
+void BareThreads(benchmark::State &state) {  // the same steps: attributes made, thread started detached
+    StartThreads(state, [] {
+        pthread_attr_t attributes;
+        pthread_attr_init(&attributes);
+        pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+        pthread_t t;
+        pthread_create(&t, &attributes, Finish, nullptr);
+        pthread_attr_destroy(&attributes);
+    });
+}
+#ifdef VOKT_BENCH_GLIB
+void PeerThreads(benchmark::State &state) {
+    StartThreads(state, [] { g_thread_unref(g_thread_new(nullptr, Finish, nullptr)); });
+}
+#endif
+
 // ---- The table. ----
 Body Nothing() { return nullptr; }
 
@@ -578,6 +613,7 @@ std::vector<Path> Paths() {
         {"String append (16 pieces)", VoktAppend, BareAppend, PEER(PeerAppend)},
         {"file Stream, lines of 1 MB", VoktFileLines, BareFileLines, PEER(PeerFileLines)},
         {"descriptor Stream, lines of 1 MB", VoktHandleLines, BareHandleLines, Nothing()},
+        {"1000 detached threads", VoktThreads, BareThreads, PEER(PeerThreads)},
     };
 #undef PEER
 }

@@ -81,8 +81,6 @@ Outcome Registered(Error *e) {
     return WantedError(ref);
 }
 
-void *Nothing(void *) { return nullptr; }
-
 using Op = Outcome (*)(Fixture &);
 const std::pair<const char *, Op> kOperations[] = {
     {"String_New", [](Fixture &) { return Made(String_New()); }},
@@ -203,13 +201,6 @@ const std::pair<const char *, Op> kOperations[] = {
     {"Error_NewInternal", [](Fixture &) { return Made(Error_NewInternal("internal")); }},
     {"Error_NewNetwork", [](Fixture &) { return Made(Error_NewNetwork(111, "connect")); }},
     {"ErrorStore_Register", [](Fixture &) { return Registered(Error_NewInternal("stored")); }},
-    {"Thread_CreateJoinable",
-     [](Fixture &) {
-         Thread t;
-         Thread_CreateJoinable(&t, Nothing, nullptr);
-         Thread_Join(t);
-         return kDone;  // without a registry entry the thread still runs
-     }},
 };
 
 // One run of op with allocations failing as `fail` sets up; true when a failure was

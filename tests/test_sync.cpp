@@ -256,32 +256,74 @@ TEST(Sync, ConditionsHandTurnsBetweenThreads) {
     Condition_Destroy(&p.pong);
 }
 
-void *ReturnAtOnce(void *) { return nullptr; }
+void *ExitEarly(void *) { pthread_exit(nullptr); }
 
-// A thread the library started reads as exited once its routine has returned, before it
-// is joined, and after it is gone.
-TEST(Sync, HasExitedOnceTheRoutineHasReturned) {
+// A record filled by the library answers for its own thread, ended or not, until it is
+// joined; a spent record is never handed to the C library again, however many threads
+// have come and gone since.
+TEST(Sync, HasExitedAnswersForItsOwnThread) {
     Thread t;
-    Thread_CreateJoinable(&t, ReturnAtOnce, nullptr);
-    int polls = 0;
-    while (Thread_HasExited(t) == 0 && polls < 2000) polls++, usleep(1000);
-    EXPECT_EQ(Thread_HasExited(t), 1) << "still running after " << polls << " ms";
+    Thread_CreateJoinable(&t, ExitEarly, nullptr);
+    test::WaitFor("a thread that called pthread_exit to read as exited", [&] { return Thread_HasExited(t) == 1; });
     Thread_Join(t);
     EXPECT_EQ(Thread_HasExited(t), 1);
+    EXPECT_EQ(Stderr([&] { Thread_Join(t); }), "Could not join thread") << "a spent record is not joined again";
+    const Thread spent = t;
     Shared s;
     Event_Init(&s.event);
+    std::vector<Thread> many(300);  // identifiers of their own, the spent one's probably among them
+    for (Thread &m : many) Thread_CreateJoinable(&m, WaitForEvent, &s);
+    Event_SetState(&s.event, 1);
+    for (const Thread &m : many) Thread_Join(m);
+    EXPECT_EQ(Thread_HasExited(spent), 1);
+    Event_SetState(&s.event, 0);
     Thread detached;
     Thread_Create(&detached, WaitForEvent, &s);
     EXPECT_EQ(Stderr([&] { EXPECT_EQ(Thread_HasExited(detached), 0); }), Report("thread.bIsJoinable", 480));
     Event_SetState(&s.event, 1);
-    while (s.stage.load() != 1) usleep(1000);
     int32_t exited = 0;
-    for (polls = 0; exited == 0 && polls < 2000; polls++) {
+    test::WaitFor("a detached thread to read as exited", [&] {
         Stderr([&] { exited = Thread_HasExited(detached); });
-        if (exited == 0) usleep(1000);
-    }
-    EXPECT_EQ(exited, 1);
+        return exited == 1;
+    });
+    // In a child of fork() only the forking thread exists: the others read as exited, and
+    // joining one reports instead of waiting for ever.
+    Event_SetState(&s.event, 0);
+    Thread_CreateJoinable(&t, WaitForEvent, &s);
+    EXPECT_EQ(test::InChild([&] {
+        alarm(10);
+        EXPECT_EQ(Thread_HasExited(t), 1);
+        EXPECT_EQ(Stderr([&] { Thread_Join(t); }), "Could not join thread");
+    }), 0);
+    Event_SetState(&s.event, 1);
+    Thread_Join(t);
     Event_Destroy(&s.event);
+}
+
+// Threads are recorded without allocating while few run at once. When more run than that
+// and no memory can be had, a thread is refused rather than started unrecorded.
+TEST(Sync, ThreadsAreRecordedWithoutAllocating) {
+    EXPECT_EQ(0, test::InChild([] {
+        test::FailFrom(1);
+        Shared s;
+        Event_Init(&s.event);
+        std::vector<Thread> threads;
+        std::string refused;
+        while (refused.empty() && threads.size() < 300) {
+            Thread t{};
+            refused = Stderr([&] { Thread_CreateJoinable(&t, WaitForEvent, &s); });
+            if (refused.empty()) threads.push_back(t);
+        }
+        EXPECT_GE(threads.size(), 32u);
+        EXPECT_EQ(refused, "Could not create new thread, errno=11");
+        test::FailAllocation(0);
+        threads.emplace_back();
+        Thread_CreateJoinable(&threads.back(), WaitForEvent, &s);  // there is room again
+        for (const Thread &t : threads) EXPECT_EQ(Thread_HasExited(t), 0);
+        Event_SetState(&s.event, 1);
+        for (const Thread &t : threads) Thread_Join(t);
+        EXPECT_EQ(s.stage.load(), static_cast<int>(threads.size()));
+    }));
 }
 
 void *Decrement(void *arg) {

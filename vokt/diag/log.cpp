@@ -169,15 +169,13 @@ void Echo(FILE *stream, const char *prefix, const String *message, int32_t code)
 void ForkPrepare() {
     Mutex_Lock(&g_mutex);
     vokt::ErrorStoreForkPrepare();
-    vokt::ThreadRegistryForkPrepare();
 }
 void ForkParent() {
-    vokt::ThreadRegistryForkRelease(false);
     vokt::ErrorStoreForkRelease();
     Mutex_Unlock(&g_mutex);
 }
 void ForkChild() {
-    vokt::ThreadRegistryForkRelease(true);
+    vokt::ThreadRegistryForkChild();
     vokt::ErrorStoreForkRelease();
     Mutex_Unlock(&g_mutex);
 }

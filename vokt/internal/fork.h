@@ -6,9 +6,8 @@
 namespace vokt {
 void ErrorStoreForkPrepare();
 void ErrorStoreForkRelease();
-void ThreadRegistryForkPrepare();
-// In the child, the threads that did not come along are marked as ended.
-void ThreadRegistryForkRelease(bool child);
+// In the child, the threads that did not come along are forgotten.
+void ThreadRegistryForkChild();
 }  // namespace vokt
 
 #endif

@@ -1,6 +1,7 @@
 // Synchronisation records over POSIX threads. This module sits below the log, so it
 // reports its own failures on standard error. The records are the caller's; the only
-// memory it takes is one small registry entry per thread it starts.
+// memory it may take is more room for the slots of the threads it has started, when more
+// run at once than its static slots hold.
 #include "vokt/sync/vokt_sync.h"
 
 #include <errno.h>
@@ -136,98 +137,135 @@ void SetStateLocked(Event *e, int32_t state) {
 }
 
 // The threads this module started. A thread identifier alone cannot say whether its
-// thread has ended (the C library keeps answering for an ended thread until it is
-// joined), so each thread runs through a trampoline that records its end here. Joined
-// and ended detached threads leave their identifier in a ring of the most recent ones.
-struct ThreadEntry {
-    ThreadEntry *next;
+// thread has ended (the C library keeps answering for an ended thread until it is joined,
+// and reuses identifiers afterwards), and handing the identifier of a joined or ended
+// detached thread to any pthread call reads memory that is no longer that thread's. So
+// each thread runs through a trampoline that records its end in a slot of its own, and
+// the module asks only its slots.
+//
+// A slot's state word carries the whole life of one thread; a slot is taken with one
+// compare-and-swap and given back with plain stores once nobody can look at it any more:
+// by the creator or the thread, whichever comes second, for a detached thread, and by the
+// join for a joinable one. No lock is held across thread creation or taken at its end.
+constexpr uint32_t kTaken = 1;     // claimed by a creator
+constexpr uint32_t kStarted = 2;   // the thread exists and id holds its identifier
+constexpr uint32_t kEnded = 4;     // its routine has returned (or it called pthread_exit, or was cancelled)
+constexpr uint32_t kJoinable = 8;  // it waits for Thread_Join once it has ended
+constexpr uint32_t kJoining = 16;  // a Thread_Join has claimed it
+
+struct Slot {
+    uint32_t state;
     pthread_t id;
-    bool ended;
-    int32_t joinable;
     ThreadRoutine routine;
     void *argument;
 };
 
-constexpr int kGoneThreads = 256;
-pthread_mutex_t g_threadsLock = PTHREAD_MUTEX_INITIALIZER;
-ThreadEntry *g_threads = nullptr;
-pthread_t g_gone[kGoneThreads];
-int g_goneNext = 0;
-pthread_once_t g_endKeyOnce = PTHREAD_ONCE_INIT;
-pthread_key_t g_endKey;
-bool g_endKeyMade = false;
+// The slots live in chunks that double in size; the first is static, so a program with
+// fewer than a few dozen threads at a time never allocates here. Chunks are kept for the
+// life of the process (their slots are reused).
+constexpr uint32_t kFirstChunk = 64;
+constexpr int kMaxChunks = 20;
+constexpr uint32_t kProbes = 16;  // tries before the table is deemed crowded and grows
+Slot g_firstSlots[kFirstChunk];
+Slot *g_chunks[kMaxChunks] = {g_firstSlots};
+int g_chunkCount = 1;
+uint32_t g_nextProbe = 0;
+__thread Slot *t_ownSlot = nullptr;  // the slot of the calling thread, if the module started it
 
-void Unlink(ThreadEntry *entry) {
-    for (ThreadEntry **link = &g_threads; *link; link = &(*link)->next) {
-        if (*link == entry) {
-            *link = entry->next;
-            return;
-        }
-    }
+uint32_t Load(const uint32_t *word) { return __atomic_load_n(word, __ATOMIC_ACQUIRE); }
+uint32_t Capacity(int chunks) { return kFirstChunk * ((1u << chunks) - 1); }
+
+Slot *At(uint32_t index) {
+    const uint32_t chunk = 31 - static_cast<uint32_t>(__builtin_clz(index / kFirstChunk + 1));
+    return __atomic_load_n(&g_chunks[chunk], __ATOMIC_ACQUIRE) + (index - Capacity(static_cast<int>(chunk)));
 }
 
-ThreadEntry *Find(pthread_t id) {
-    for (ThreadEntry *e = g_threads; e; e = e->next)
-        if (pthread_equal(e->id, id)) return e;
+// Calls visit on every slot until it returns true; that slot, or null.
+template <typename Visit>
+Slot *FindSlot(Visit visit) {
+    const uint32_t capacity = Capacity(__atomic_load_n(&g_chunkCount, __ATOMIC_ACQUIRE));
+    for (uint32_t i = 0; i < capacity; i++)
+        if (Slot *slot = At(i); visit(slot)) return slot;
     return nullptr;
 }
 
-int GoneSlot(pthread_t id) {
-    for (int i = 0; i < kGoneThreads; i++)
-        if (g_gone[i] && pthread_equal(g_gone[i], id)) return i;
-    return -1;
+void GiveBack(Slot *slot) {
+    __atomic_store_n(&slot->id, pthread_t{}, __ATOMIC_RELAXED);
+    __atomic_store_n(&slot->state, 0u, __ATOMIC_RELEASE);
 }
 
-void RememberGone(pthread_t id) {
-    g_gone[g_goneNext] = id;
-    g_goneNext = (g_goneNext + 1) % kGoneThreads;
+bool Claim(Slot *slot, uint32_t taken) {
+    uint32_t expected = 0;
+    return Load(&slot->state) == 0 &&
+           __atomic_compare_exchange_n(&slot->state, &expected, taken, false, __ATOMIC_ACQ_REL, __ATOMIC_RELAXED);
 }
 
-// Runs at the end of every thread started here, after a return and after pthread_exit
-// alike. An ended detached thread is nobody's to join, so its entry goes at once.
-void ThreadEnded(void *value) {
-    auto *entry = static_cast<ThreadEntry *>(value);
-    pthread_mutex_lock(&g_threadsLock);
-    entry->ended = true;
-    const bool detached = !entry->joinable;
-    if (detached) {
-        Unlink(entry);
-        RememberGone(entry->id);
+// Adds the next chunk (another thread may be adding it too); false when none can be had.
+bool Grow(int chunks) {
+    if (chunks == kMaxChunks) return false;
+    const size_t bytes = (sizeof(Slot) * kFirstChunk) << chunks;
+    auto *chunk = static_cast<Slot *>(vokt::Alloc(bytes));
+    if (!chunk) return false;
+    memset(chunk, 0, bytes);
+    Slot *none = nullptr;
+    if (!__atomic_compare_exchange_n(&g_chunks[chunks], &none, chunk, false, __ATOMIC_RELEASE, __ATOMIC_RELAXED))
+        vokt::Free(chunk);
+    int count = chunks;
+    __atomic_compare_exchange_n(&g_chunkCount, &count, chunks + 1, false, __ATOMIC_RELEASE, __ATOMIC_RELAXED);
+    return true;
+}
+
+// A free slot, taken; null when every slot is in use and no more can be had.
+Slot *TakeSlot(uint32_t joinable) {
+    const uint32_t taken = kTaken | (joinable ? kJoinable : 0);
+    for (;;) {
+        const int chunks = __atomic_load_n(&g_chunkCount, __ATOMIC_ACQUIRE);
+        const uint32_t capacity = Capacity(chunks);
+        const uint32_t first = __atomic_fetch_add(&g_nextProbe, 1, __ATOMIC_RELAXED);
+        for (uint32_t k = 0; k < kProbes; k++)
+            if (Slot *slot = At((first + k) % capacity); Claim(slot, taken)) return slot;
+        if (!Grow(chunks)) return FindSlot([&](Slot *slot) { return Claim(slot, taken); });
     }
-    pthread_mutex_unlock(&g_threadsLock);
-    if (detached) vokt::Free(entry);
 }
 
-void MakeEndKey() { g_endKeyMade = pthread_key_create(&g_endKey, ThreadEnded) == 0; }
+// Runs when a thread started here ends: after its routine returns, and when it calls
+// pthread_exit or is cancelled.
+void ThreadEnded(void *value) {
+    auto *slot = static_cast<Slot *>(value);
+    t_ownSlot = nullptr;
+    const uint32_t before = __atomic_fetch_or(&slot->state, kEnded, __ATOMIC_ACQ_REL);
+    if (!(before & kJoinable) && (before & kStarted)) GiveBack(slot);
+}
 
 void *Trampoline(void *value) {
-    auto *entry = static_cast<ThreadEntry *>(value);
-    pthread_setspecific(g_endKey, entry);
-    return entry->routine(entry->argument);
+    auto *slot = static_cast<Slot *>(value);
+    t_ownSlot = slot;
+    void *result = nullptr;
+    pthread_cleanup_push(ThreadEnded, slot);
+    result = slot->routine(slot->argument);
+    pthread_cleanup_pop(1);
+    return result;
 }
 
-// Starts the thread through the trampoline, with a registry entry; without one (no key,
-// no memory) it starts plainly and is answered for as a thread started elsewhere. The
-// registry stays locked until the entry is complete, so the new thread cannot end (and
-// release a detached entry) before that.
+// Starts the thread through the trampoline. Without a slot to record it in, no thread is
+// started: one the module could not answer for, or join, would be worse than none.
 int StartThread(pthread_t *id, const pthread_attr_t *attributes, ThreadRoutine routine, void *argument,
                 int32_t joinable) {
-    pthread_once(&g_endKeyOnce, MakeEndKey);
-    auto *entry = g_endKeyMade ? static_cast<ThreadEntry *>(vokt::Alloc(sizeof(ThreadEntry))) : nullptr;
-    if (!entry) return pthread_create(id, attributes, routine, argument);
-    *entry = ThreadEntry{nullptr, pthread_t{}, false, joinable, routine, argument};
-    pthread_mutex_lock(&g_threadsLock);
-    const int rc = pthread_create(id, attributes, Trampoline, entry);
-    if (rc == 0) {
-        entry->id = *id;
-        entry->next = g_threads;
-        g_threads = entry;
-        const int slot = GoneSlot(*id);  // the identifier is in use again
-        if (slot >= 0) g_gone[slot] = 0;
+    Slot *slot = TakeSlot(static_cast<uint32_t>(joinable));
+    if (!slot) return errno = EAGAIN;
+    slot->routine = routine;
+    slot->argument = argument;
+    pthread_t started;
+    const int rc = pthread_create(&started, attributes, Trampoline, slot);
+    if (rc != 0) {
+        GiveBack(slot);
+        return rc;
     }
-    pthread_mutex_unlock(&g_threadsLock);
-    if (rc != 0) vokt::Free(entry);
-    return rc;
+    *id = started;
+    __atomic_store_n(&slot->id, started, __ATOMIC_RELAXED);
+    const uint32_t before = __atomic_fetch_or(&slot->state, kStarted, __ATOMIC_ACQ_REL);
+    if (!(before & kJoinable) && (before & kEnded)) GiveBack(slot);  // it has come and gone
+    return 0;
 }
 
 // Every creation step runs whatever the earlier ones did; the numbers printed are errno
@@ -245,24 +283,28 @@ void CreateThread(Thread *t, ThreadRoutine routine, void *argument, int32_t join
         fprintf(stderr, "Could not create new thread: pthread_attr_destroy failed with errno=%d", errno);
 }
 
-// After a successful join the thread is gone: its entry goes and its identifier is
-// remembered as ended.
-void Joined(pthread_t id) {
-    pthread_mutex_lock(&g_threadsLock);
-    ThreadEntry *entry = Find(id);
-    if (entry) Unlink(entry);
-    RememberGone(id);
-    pthread_mutex_unlock(&g_threadsLock);
-    vokt::Free(entry);
+bool Names(const Slot *slot, uint32_t state, pthread_t id) {
+    return (state & kStarted) && pthread_equal(__atomic_load_n(&slot->id, __ATOMIC_RELAXED), id);
 }
 
-// 1 or 0 from the registry, -1 for a thread this module did not start.
-int32_t RegistryAnswer(pthread_t id) {
-    pthread_mutex_lock(&g_threadsLock);
-    const ThreadEntry *entry = Find(id);
-    const int32_t answer = entry ? (entry->ended ? 1 : 0) : (GoneSlot(id) >= 0 ? 1 : -1);
-    pthread_mutex_unlock(&g_threadsLock);
-    return answer;
+// The slot of a joinable thread with this identifier that nobody has joined, now claimed
+// for a join; null when there is none.
+Slot *ClaimJoin(pthread_t id) {
+    return FindSlot([id](Slot *slot) {
+        for (uint32_t state = Load(&slot->state); Names(slot, state, id) && (state & kJoinable) && !(state & kJoining);)
+            if (__atomic_compare_exchange_n(&slot->state, &state, state | kJoining, false, __ATOMIC_ACQ_REL,
+                                            __ATOMIC_ACQUIRE))
+                return true;
+        return false;
+    });
+}
+
+// True while a thread started here under this identifier has not ended.
+bool Running(pthread_t id) {
+    return FindSlot([id](Slot *slot) {
+               const uint32_t state = Load(&slot->state);
+               return Names(slot, state, id) && !(state & kEnded);
+           }) != nullptr;
 }
 
 }  // namespace
@@ -432,18 +474,18 @@ void Thread_CreateJoinable(Thread *t, ThreadRoutine routine, void *argument) {
 
 void Thread_Join(Thread thread) {
     SYNC_ASSERT(thread.bIsJoinable, 462);
-    if (pthread_join(thread.id, nullptr) != 0)
-        fputs("Could not join thread", stderr);
-    else
-        Joined(thread.id);
+    // Only a thread this module started, joinable and not yet joined, is handed to the C
+    // library: joining anything else (a detached thread, a record joined already) would
+    // read memory that may by now belong to another thread.
+    Slot *slot = ClaimJoin(thread.id);
+    if (slot && pthread_join(thread.id, nullptr) == 0) return GiveBack(slot);
+    if (slot) __atomic_fetch_and(&slot->state, ~kJoining, __ATOMIC_ACQ_REL);
+    fputs("Could not join thread", stderr);
 }
 
 int32_t Thread_HasExited(Thread thread) {
     SYNC_ASSERT(thread.bIsJoinable, 480);
-    const int32_t known = RegistryAnswer(thread.id);
-    if (known >= 0) return known;
-    // A thread started elsewhere: the system's own answer is all there is.
-    return pthread_kill(thread.id, 0) == ESRCH ? 1 : 0;
+    return Running(thread.id) ? 0 : 1;
 }
 
 int32_t Thread_IsSuspended(Thread thread) {
@@ -457,16 +499,14 @@ pthread_t Thread_GetCurrentThreadID(void) { return pthread_self(); }
 
 namespace vokt {
 
-void ThreadRegistryForkPrepare() { pthread_mutex_lock(&g_threadsLock); }
-
-void ThreadRegistryForkRelease(bool child) {
-    if (child) {
-        t_identity.tid = 0;
-        const pthread_t self = pthread_self();
-        for (ThreadEntry *e = g_threads; e; e = e->next)
-            if (!pthread_equal(e->id, self)) e->ended = true;
-    }
-    pthread_mutex_unlock(&g_threadsLock);
+// In a child of fork() only the forking thread exists: every other slot is given back, so
+// the child neither waits for nor joins a thread it does not have.
+void ThreadRegistryForkChild() {
+    t_identity.tid = 0;
+    FindSlot([](Slot *slot) {
+        if (slot != t_ownSlot && Load(&slot->state) != 0) GiveBack(slot);
+        return false;
+    });
 }
 
 }  // namespace vokt

@@ -1,7 +1,8 @@
 /** @file
  * Recursive mutexes, conditions, events, counters and threads over POSIX threads. The
- * records are embedded by value and nothing here logs; the only allocation is one small
- * registry entry for each thread started here.
+ * records are embedded by value and nothing here logs. Nothing here allocates, except more
+ * room to record the threads started here when more of them run at once than its static
+ * room (64) holds.
  */
 #ifndef VOKT_SYNC_VOKT_SYNC_H
 #define VOKT_SYNC_VOKT_SYNC_H
@@ -97,17 +98,23 @@ VOKT_API void Counter_Decrement(Counter *c);
 /** The count (a negative one is reported). */
 VOKT_API int32_t Counter_GetValue(Counter *c);
 
-/** Starts a detached thread; failures are printed on standard error only. */
+/** Starts a detached thread. Failures are printed on standard error only, and the record's id
+ *  is then left as it was. A thread the module cannot record (more run at once than it has
+ *  room for, and no memory for more) is not started: "Could not create new thread, errno=11". */
 VOKT_API void Thread_Create(Thread *t, ThreadRoutine routine, void *argument);
-/** Starts a thread that must be joined once with Thread_Join. */
+/** Starts a thread that must be joined once with Thread_Join; otherwise as Thread_Create. */
 VOKT_API void Thread_CreateJoinable(Thread *t, ThreadRoutine routine, void *argument);
-/** Waits for a joinable thread to end ("Could not join thread" on standard error when it
- *  cannot); a detached record is reported and the join still tried. */
+/** Waits for a thread started by Thread_CreateJoinable to end; its record is then spent.
+ *  Only such a thread, not joined yet, is handed to the C library: any other record (a
+ *  detached one, which is also reported; a spent one; one filled by hand) and a failed join
+ *  print "Could not join thread" instead. */
 VOKT_API void Thread_Join(Thread t);
-/** For a thread started by Thread_Create or Thread_CreateJoinable: 1 once its routine
- * has returned (or it called pthread_exit), and after it was joined; 0 while it runs.
- * The last 256 of those threads that were joined or ended detached are remembered. For
- * any other thread: 1 when pthread_kill(id, 0) says ESRCH, else 0. */
+/** For a record filled by Thread_Create or Thread_CreateJoinable and not yet joined: 1 once
+ * the thread's routine has returned (or the thread called pthread_exit or was cancelled), 0
+ * while it runs. A joined record is spent: the system may give its id to a new thread, and
+ * the record then answers for that one. Any record answers 0 exactly while its id is that of
+ * a running thread started by this module, else 1 (records filled by hand included); the id
+ * is never handed to the C library, so any record is safe to ask. */
 VOKT_API int32_t Thread_HasExited(Thread t);
 /** Always 0: threads cannot be suspended on this platform. */
 VOKT_API int32_t Thread_IsSuspended(Thread t);
