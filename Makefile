@@ -4,8 +4,13 @@ MAKEFLAGS += --no-print-directory
 SHELL   := /bin/bash
 JOBS    ?= 2
 PREFIX  ?= /usr/local
-BUILD   := build
+# DIRECT_LOCK=OFF builds without the direct lock (every lock through the C library), in
+# build folders of its own.
+DIRECT_LOCK ?= ON
+SUFFIX  := $(if $(filter OFF,$(DIRECT_LOCK)),-nodirect,)
+BUILD   := build$(SUFFIX)
 CMAKE_FLAGS ?=
+CONFIGURE = -DVOKT_DIRECT_LOCK=$(DIRECT_LOCK) $(CMAKE_FLAGS)
 
 FUZZ_SECONDS ?= 30
 FUZZ_TARGETS := text stream containers codename version date
@@ -16,7 +21,7 @@ COVERAGE_BRANCHES ?= 85
 .PHONY: all deps test run sanitize tsan fuzz coverage lint docs abi-check abi-baseline package bench install clean
 
 all: deps
-	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVOKT_BUILD_BENCH=OFF $(CMAKE_FLAGS) >/dev/null
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVOKT_BUILD_BENCH=OFF $(CONFIGURE) >/dev/null
 	@cmake --build $(BUILD) -j$(JOBS)
 
 # Checks the tools; as root it installs what is missing from Debian's packages,
@@ -28,6 +33,7 @@ deps:
 	command -v pkg-config >/dev/null 2>&1 || missing="$$missing pkg-config"; \
 	echo 'int main(){}' | g++ -std=c++20 -x c++ -o /dev/null - >/dev/null 2>&1 || missing="$$missing g++"; \
 	[ -f /usr/include/gtest/gtest.h ] || missing="$$missing libgtest-dev"; \
+	[ -f /usr/include/valgrind/valgrind.h ] || missing="$$missing valgrind"; \
 	if [ -n "$$missing" ]; then \
 	  if [ "$$(id -u)" = 0 ] && command -v apt-get >/dev/null 2>&1; then \
 	    echo "installing:$$missing"; \
@@ -45,10 +51,10 @@ run: all
 	@$(BUILD)/examples/config_reader
 
 sanitize: deps
-	@cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DVOKT_SANITIZE=address -DVOKT_BUILD_EXAMPLES=OFF >/dev/null
-	@cmake --build build-asan -j$(JOBS)
+	@cmake -S . -B build-asan$(SUFFIX) -DCMAKE_BUILD_TYPE=Debug -DVOKT_SANITIZE=address -DVOKT_BUILD_EXAMPLES=OFF $(CONFIGURE) >/dev/null
+	@cmake --build build-asan$(SUFFIX) -j$(JOBS)
 	@ASAN_OPTIONS=detect_leaks=1:abort_on_error=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-	  ctest --test-dir build-asan --output-on-failure -j$(JOBS)
+	  ctest --test-dir build-asan$(SUFFIX) --output-on-failure -j$(JOBS)
 
 tsan: deps
 	@cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DVOKT_SANITIZE=thread -DVOKT_BUILD_EXAMPLES=OFF >/dev/null
@@ -125,4 +131,4 @@ install: all
 	@cmake --install $(BUILD) --prefix $(PREFIX)
 
 clean:
-	@rm -rf $(BUILD) build-asan build-tsan build-fuzz build-cov
+	@rm -rf build build-nodirect build-asan build-asan-nodirect build-tsan build-fuzz build-cov

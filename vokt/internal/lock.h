@@ -20,7 +20,22 @@
 // itself), and a plain store would then lose a sleeper's wake-up. Any other kind of mutex,
 // and any process where something watches the pthread calls (a race checker), goes
 // through the C library.
-#if defined(__GLIBC__) && __has_include(<sys/single_threaded.h>) && !defined(__SANITIZE_THREAD__)
+//
+// The build leaves these steps out when asked to (VOKT_DIRECT_LOCK=OFF), when the thread
+// sanitizer instruments the library, on machines whose glibc mutex layout was not read (only
+// x86-64 and ARM64 were), and without valgrind's header (a process under valgrind could not
+// be recognised); the sync module also turns them off at load unless the running glibc
+// passes its checks.
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define VOKT_THREAD_SANITIZER 1
+#endif
+#endif
+#if defined(__SANITIZE_THREAD__)
+#define VOKT_THREAD_SANITIZER 1
+#endif
+#if defined(VOKT_WANT_DIRECT_LOCK) && defined(__GLIBC__) && !defined(VOKT_THREAD_SANITIZER) && \
+    (defined(__x86_64__) || defined(__aarch64__)) && __has_include(<valgrind/valgrind.h>)
 #define VOKT_DIRECT_LOCK 1
 #include <linux/futex.h>
 #include <sys/syscall.h>
@@ -39,7 +54,7 @@ struct Identity {
 };
 // (__thread rather than thread_local: nothing to construct, so no initialisation check on reads.)
 extern __thread Identity t_identity __attribute__((tls_model("initial-exec")));
-// False until the library has loaded, and when a race checker watches the process.
+// False until the library has loaded, and whenever the direct steps are not to be taken.
 extern const bool g_directLock;
 
 // The paths kept out of line: Mutex_Lock whole, blocking for a caller that does not hold

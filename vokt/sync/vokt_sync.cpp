@@ -16,6 +16,11 @@
 #include "vokt/internal/fork.h"
 #include "vokt/internal/lock.h"
 
+#ifdef VOKT_DIRECT_LOCK
+#include <gnu/libc-version.h>
+#include <valgrind/valgrind.h>
+#endif
+
 namespace {
 
 constexpr char kModule[] = "vokt_sync";
@@ -31,14 +36,46 @@ constexpr char kModule[] = "vokt_sync";
     } while (0)
 
 #ifdef VOKT_DIRECT_LOCK
-// Race checkers see lock operations only through the pthread calls they intercept: the
-// thread sanitizer's runtime is in the program, valgrind's tools are preloaded.
+// The direct steps rely on the C library's private mutex layout and protocol, so they are
+// taken only where that was read and is seen to hold:
+// - no race checker watches the process: checkers see lock operations only through the
+//   pthread calls they intercept, and each is asked itself (the thread sanitizer's runtime
+//   is linked in; valgrind's tools answer their client request);
+// - the running glibc is one whose mutex code was read against these steps;
+// - the steps, tried on a fresh mutex, look to the C library's own calls exactly like its
+//   own lock and unlock.
+// Anything else means the C library's calls for every lock of the process.
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the sanitizer runtime's own name
 extern "C" void __tsan_init() __attribute__((weak));
-bool Watched() {
-    if (__tsan_init != nullptr) return true;
-    const char *preload = getenv("LD_PRELOAD");  // NOLINT(concurrency-mt-unsafe): read once at load
-    return preload && (strstr(preload, "helgrind") || strstr(preload, "drd"));
+
+constexpr long kFirstCheckedGlibc = 232, kLastCheckedGlibc = 242;  // 2.32 to 2.42
+
+bool CheckedGlibc() {
+    const char *version = gnu_get_libc_version();
+    char *end = nullptr;
+    const long major = strtol(version, &end, 10);
+    if (*end != '.') return false;
+    const long number = major * 100 + strtol(end + 1, nullptr, 10);
+    return number >= kFirstCheckedGlibc && number <= kLastCheckedGlibc;
+}
+
+bool ProtocolHolds() {
+    pthread_mutex_t probe;
+    if (pthread_mutex_init(&probe, nullptr) != 0) return false;
+    pthread_mutex_t fresh;
+    memcpy(&fresh, &probe, sizeof probe);
+    const pid_t tid = gettid();
+    if (!vokt::DefaultKind(&probe) || !vokt::DirectTry(&probe, tid)) return false;
+    const bool held = pthread_mutex_trylock(&probe) == EBUSY && probe.__data.__owner == tid;
+    vokt::DirectUnlock(&probe);
+    if (pthread_mutex_trylock(&probe) != 0) return false;
+    pthread_mutex_unlock(&probe);
+    return held && memcmp(fresh.__size, probe.__size, sizeof probe.__size) == 0;  // every byte as before
+}
+
+bool DirectLockUsable() {
+    const bool watched = __tsan_init != nullptr || RUNNING_ON_VALGRIND;
+    return !watched && CheckedGlibc() && ProtocolHolds();
 }
 #endif
 
@@ -313,7 +350,7 @@ namespace vokt {
 
 __thread Identity t_identity __attribute__((tls_model("initial-exec"))) = {};
 #ifdef VOKT_DIRECT_LOCK
-const bool g_directLock = !Watched();
+const bool g_directLock = DirectLockUsable();
 #else
 const bool g_directLock = false;
 #endif
