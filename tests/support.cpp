@@ -1,16 +1,21 @@
 #include "support.h"
 
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <malloc.h>
 #include <stdlib.h>
+#include <string.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <fstream>
 #include <regex>
 #include <sstream>
+#include <vector>
 
 #include "vokt/core/memory.h"
 
@@ -33,11 +38,19 @@ void *TestMalloc(size_t n) {
     if (p) g_live++;
     return p;
 }
+// Every block that is resized moves, so that code which still reads the old block (an
+// append of a String's own text, say) reads released memory and shows it.
 void *TestRealloc(void *p, size_t n) {
     if (ShouldFail()) return nullptr;
-    void *q = realloc(p, n);
+    if (p && n == 0) {  // the C library's realloc releases the block
+        g_live--;
+        free(p);
+        return nullptr;
+    }
+    void *q = malloc(n);
+    if (q && p) memcpy(q, p, std::min(n, malloc_usable_size(p)));
+    if (q && p) free(p);
     if (q && !p) g_live++;
-    if (!q && p && n == 0) g_live--;  // the C library released the block
     return q;
 }
 void TestFree(void *p) {
@@ -88,6 +101,42 @@ int InChild(const std::function<void()> &body) {
     int status = 0;
     waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+namespace {
+struct Job {
+    std::function<void()> body;
+    std::atomic<bool> done{false};
+};
+std::vector<Job *> g_jobs;  // kept, so that a job that never returns dangles nowhere
+
+const std::atomic<bool> &InBackground(std::function<void()> body) {
+    g_jobs.push_back(new Job{std::move(body)});
+    pthread_t thread;
+    pthread_create(&thread, nullptr, [](void *job) -> void * {
+        static_cast<Job *>(job)->body();
+        static_cast<Job *>(job)->done = true;
+        return nullptr;
+    }, g_jobs.back());
+    pthread_detach(thread);
+    return g_jobs.back()->done;
+}
+}  // namespace
+
+bool Finishes(const char *what, std::function<void()> body) {
+    const auto &done = InBackground(std::move(body));
+    return WaitFor(what, [&] { return done.load(); });
+}
+
+bool WaitsForLock(Mutex *mutex, std::function<void()> op) {
+    Mutex_Lock(mutex);
+    const auto &done = InBackground(std::move(op));
+#ifdef __GLIBC__
+    WaitFor("the operation to sleep on the lock or finish", [&] { return done || mutex->mutex.__data.__lock > 1; });
+#endif
+    const bool waited = !done;
+    Mutex_Unlock(mutex);
+    return WaitFor("the operation to finish once the lock was released", [&] { return done.load(); }) && waited;
 }
 
 bool InFreshProcess(const char *preload) {

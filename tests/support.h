@@ -4,6 +4,8 @@
 #include <functional>
 #include <string>
 
+#include "vokt/sync/vokt_sync.h"
+
 namespace test {
 
 // Makes the n-th (and, when given, the m-th) allocation from now on fail; 0: none.
@@ -19,6 +21,14 @@ long LiveBlocks();
 // Runs body in a forked child inside a fresh temporary directory (the child's working
 // directory) and returns its exit status: 0 when no expectation failed in it.
 int InChild(const std::function<void()> &body);
+
+// Runs body on a thread of its own and waits at most five seconds for it to return; false
+// (and a failure naming what) when it has not. A body that never returns is left behind.
+bool Finishes(const char *what, std::function<void()> body);
+
+// True when op, run on another thread while this one holds mutex, waits for it: it sleeps
+// on the lock rather than finishing, and finishes once the lock is released.
+bool WaitsForLock(Mutex *mutex, std::function<void()> op);
 
 // True inside a new run of this program made for the current test alone; in the original
 // process it starts that run (with LD_PRELOAD set to preload when one is given), expects it

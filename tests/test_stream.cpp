@@ -46,6 +46,7 @@ TEST(Stream, EachReaderKeepsItsLineEndRules) {
     EXPECT_EQ(ReadAll(Stream_NewFromString("a\nb")), (Lines{"a", "b", "b|eof"}));
     EXPECT_EQ(ReadAll(Stream_NewFromString("x\r\ny")), (Lines{"x\r", "y", "y|eof"}));
     EXPECT_EQ(ReadAll(Stream_NewFromString("\n\nz")), (Lines{"", "", "z", "z|eof"}));
+    EXPECT_EQ(ReadAll(Stream_NewFromString("a\n\n")), (Lines{"a", "a|eof"})) << "a last empty line ends the text";
     EXPECT_EQ(ReadAll(Stream_NewFromString("")), (Lines{"<unset>|eof"}));
     const std::string longLine(300, 'L');
     EXPECT_EQ(FromHandle({"x\r\ny"}), (Lines{"x", "y", "<unset>|eof"}));

@@ -53,6 +53,7 @@ TEST(String, ComparingHashingSearching) {
     EXPECT_EQ(String_StartsWith(fox, "the"), 0);
     EXPECT_EQ(String_EndsWith(fox, "dog"), 1);
     EXPECT_EQ(String_EndsWith(a, "aa"), 0) << "a suffix longer than the text";
+    EXPECT_EQ(String_EndsWith(a, "a"), 1) << "the whole text";
     String_Set(a, "abcabc");
     EXPECT_EQ(String_Find(a, "c", 3), 2);  // the start is ignored
     EXPECT_EQ(String_FindLast(a, "x"), -1);
@@ -67,6 +68,8 @@ TEST(String, EditingAndWrapping) {
     EXPECT_EQ(After("  a \t\n b  ", [](String *s) { return String_CollapseWhitespace(s), 0; }), "a b");
     EXPECT_EQ(After("line\r\n\n", [](String *s) { return String_ChompNewlines(s), 0; }), "line");
     EXPECT_EQ(After("abcdef", [](String *s) { return String_Delete(s, 1, 2), String_Truncate(s, 3), 0; }), "ade");
+    EXPECT_EQ(After("abc", [](String *s) { return String_Delete(s, 1, 2), 0; }), "a") << "up to the end";
+    EXPECT_EQ(After("abc", [](String *s) { return String_Truncate(s, 0), 0; }), "");
     EXPECT_EQ(After("Ab", [](String *s) { return String_ToLower(s), String_Delete(s, 1, 9), 0; }), "ab");
     const std::tuple<const char *, int32_t, int32_t, const char *, const char *> wraps[] = {
         {"aaaa bbbb cccc", 10, 10, nullptr, "aaaa bbbb\r\ncccc"},

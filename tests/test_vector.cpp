@@ -54,6 +54,8 @@ TEST(Vector, RemovalAndCopyQuirks) {
     Vector_Add(v, c1);
     EXPECT_EQ(Vector_Remove(v, c2), nullptr);
     EXPECT_EQ(Vector_Remove(v, c1), c1);
+    Vector_Add(target, c1);
+    EXPECT_EQ(Vector_Remove(target, c1), c1) << "the only element";
     String *stored = String_NewFromChars("same"), *probe = String_NewFromChars("same");
     Vector_Add(v, stored);
     EXPECT_EQ(Vector_Remove(v, probe), stored);  // the stored one comes back
@@ -116,6 +118,27 @@ TEST(Vector, AssertionsAndFailuresAreSurvived) {
         Vector_Free(v);
         Object_Destroy(e);
     }));
+}
+
+// Every operation that reads a synchronised vector holds its lock while it reads: it waits
+// while another thread holds it.
+TEST(Vector, ReadersOfASynchronisedVectorWaitForItsLock) {
+    Vector *source = Vector_NewOwning(), *target = Vector_New();
+    ObjectSet *set = ObjectSet_New();
+    StringBag *bag = StringBag_New();
+    String *joined = String_New();
+    StringBag_Add(bag, "a", 1);
+    Vector_Add(source, String_NewFromChars("a"));
+    for (Vector *v : {source, bag->elements}) ASSERT_EQ(Vector_SetSynchronized(v, 1), 0);
+    const std::tuple<const char *, Vector *, std::function<void()>> readers[] = {
+        {"Vector_AddAll", source, [&] { Vector_AddAll(target, source); }},
+        {"ObjectSet_AddVector", source, [&] { ObjectSet_AddVector(set, source); }},
+        {"String_Join", source, [&] { String_Join(source, ",", joined); }},
+        {"StringBag_Add", bag->elements, [&] { StringBag_Add(bag, "A", 1); }},
+    };
+    for (const auto &[name, v, read] : readers) EXPECT_TRUE(test::WaitsForLock(v->mutex, read)) << name;
+    EXPECT_EQ(Vector_Length(target), 1);
+    for (void *o : std::initializer_list<void *>{set, target, source, bag, joined}) Object_Destroy(o);
 }
 
 void *AddAndRemove(void *arg) {
