@@ -20,7 +20,8 @@ TEST(CodeName, PacksSixBitBlocks) {
     EXPECT_EQ(CodeOf("ABCDEFGHIJKLMN"), CodeOf("ABCDEFGHIJK"));
     uint32_t words[2] = {0, 0};
     EXPECT_EQ(CodeName_SetBlock(words, 5, 0x3F), 0);  // straddles the two words
-    EXPECT_EQ(words[0] * 16ull + words[1], 0xC0000000ull * 16 + 0xF);
+    EXPECT_EQ(words[0], 0xC0000000u);
+    EXPECT_EQ(words[1], 0xFu);
     EXPECT_EQ(CodeName_SetBlock(words, 5, 0x01), 0);
     EXPECT_EQ(CodeName_SetBlock(words, 10, 0x3F), 0);  // the top two bits fall off
     EXPECT_EQ(CodeName_SetBlock(words, 6, 2), 0);

@@ -133,20 +133,6 @@ TEST(Error, TracesAppearOnlyAtTheDebugLevel) {
     }));
 }
 
-TEST(Error, AllocationFailuresDegradeToMinusTwo) {
-    EXPECT_EQ(0, test::InChild([] {
-        testing::internal::CaptureStderr();
-        test::FailAllocation(2);  // the message String
-        EXPECT_EQ(Error_NewFriendly(5, "lost %d", 5), nullptr);
-        test::FailAllocation(1);
-        EXPECT_EQ(Error_NewInternal("x"), nullptr);
-        EXPECT_EQ(testing::internal::GetCapturedStderr(), "Unable to generate VOKT error description 'lost %d'\n");
-        EXPECT_EQ(test::Count(test::ReadFile("vokt.log"), ": Unable to allocate Error error\n"), 1);
-        EXPECT_EQ(Register("after"), 0x40000001);
-        ErrorStore_Shutdown();
-    }));
-}
-
 void *RegisterAndTake(void *) {
     for (int i = 0; i < 300; i++) {
         const int32_t ref = Register("busy");

@@ -29,9 +29,7 @@ TEST(Hpp, OwnsLocksAndChecks) {
     EXPECT_FALSE(vokt::Ok(-1));
     EXPECT_EQ(0, test::InChild([] {
         EXPECT_EQ(vokt::TakeError(-1), nullptr);
-        auto e = vokt::TakeError(Month_FromName("nope"));
-        ASSERT_NE(e, nullptr);
-        EXPECT_STREQ(e->message->string, "invalid month supplied: nope");
+        EXPECT_NE(vokt::TakeError(Month_FromName("nope")), nullptr);  // taken, and freed here
         EXPECT_EQ(vokt::TakeError(-2).get(), ErrorStore_Get(-2));  // the static record is never freed
     }));
 }

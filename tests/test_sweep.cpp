@@ -124,7 +124,11 @@ const std::pair<const char *, Op> kOperations[] = {
     {"MemBlock_Resize", [](Fixture &f) { return CodeOrError(MemBlock_Resize(f.mem, 4096)); }},
     {"Vector_New", [](Fixture &) { return Made(Vector_New()); }},
     {"Vector_NewOwning", [](Fixture &) { return Made(Vector_NewOwning()); }},
-    {"Vector_SetSynchronized", [](Fixture &f) { return Code(Vector_SetSynchronized(f.v, 1)); }},
+    {"Vector_SetSynchronized",  // refused, the vector stays unsynchronised
+     [](Fixture &f) {
+         const Outcome o = Code(Vector_SetSynchronized(f.v, 1));
+         return o == kRefused && f.v->bSynchronized ? kWrong : o;
+     }},
     {"Vector_Add",
      [](Fixture &f) {
          EventObject *e = EventObject_New(5);
@@ -243,6 +247,7 @@ bool RunOnce(const char *name, Op op, const std::function<void()> &fail) {
 TEST(Sweep, EveryAllocationOfEveryOperationMayFail) {
     EXPECT_EQ(0, test::InChild([] {
         Runtime_Init();
+        testing::internal::CaptureStderr();
         for (const auto &[name, op] : kOperations) {
             for (bool persistent : {false, true}) {
                 long n = 1;
@@ -251,6 +256,9 @@ TEST(Sweep, EveryAllocationOfEveryOperationMayFail) {
                 EXPECT_GT(n, 1) << name << ": made no allocation, so no failure was tried";
             }
         }
+        // An Error whose message could not be made says so, with the format it had.
+        const std::string stderrText = testing::internal::GetCapturedStderr();
+        EXPECT_GT(test::Count(stderrText, "Unable to generate VOKT error description 'friendly %d'\n"), 0);
         // Each failed constructor said which record it could not make.
         const std::string log = test::ReadFile("vokt.log");
         for (const char *made : {"CodeName codename", "Error error", "EventObject rval", "FileHandle s", "MemBlock mem",

@@ -81,9 +81,6 @@ TEST(Vector, AssertionsAndFailuresAreSurvived) {
         Vector_Free(nullptr);
         test::FailAllocation(2);
         EXPECT_EQ(Vector_NewOwning(), nullptr);  // the array: no message
-        test::FailAllocation(1);
-        EXPECT_EQ(Vector_SetSynchronized(v, 1), -2);
-        EXPECT_EQ(v->bSynchronized, 0);
         const std::string log = test::ReadFile("vokt.log");
         for (const char *text : {"v->bSynchronized", "index < v->size", "0 <= index && index < v->size",
                                  "v->data[0]->ftbl->Compare!=NULL", "v != NULL"})
