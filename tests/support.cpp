@@ -108,18 +108,19 @@ struct Job {
     std::function<void()> body;
     std::atomic<bool> done{false};
 };
-std::vector<Job *> g_jobs;  // kept, so that a job that never returns dangles nowhere
+// Never released, so that a job that never returns dangles nowhere (and stays reachable).
+auto *const g_jobs = new std::vector<Job *>;
 
 const std::atomic<bool> &InBackground(std::function<void()> body) {
-    g_jobs.push_back(new Job{std::move(body)});
+    g_jobs->push_back(new Job{std::move(body)});
     pthread_t thread;
     pthread_create(&thread, nullptr, [](void *job) -> void * {
         static_cast<Job *>(job)->body();
         static_cast<Job *>(job)->done = true;
         return nullptr;
-    }, g_jobs.back());
+    }, g_jobs->back());
     pthread_detach(thread);
-    return g_jobs.back()->done;
+    return g_jobs->back()->done;
 }
 }  // namespace
 
