@@ -176,6 +176,7 @@ void *LogUntilStopped(void *arg) {
 // the child with both usable.
 TEST(Log, ChildrenForkedWhileAnotherThreadLogsCanLog) {
     EXPECT_EQ(0, test::InChild([] {
+        Log_SetMaxSize(1 << 20);  // never cut while the test runs, however long it takes
         std::atomic<bool> stop{false};
         Thread t;
         Thread_CreateJoinable(&t, LogUntilStopped, &stop);

@@ -55,6 +55,11 @@ const std::pair<const char *, Calls> kMistakes[] = {
          EXPECT_EQ(ObjectSet_Add(set, nullptr, nullptr), -1);  // a null object
          EXPECT_EQ(ObjectSet_Find(set, nullptr), nullptr);
          EXPECT_EQ(ObjectSet_Remove(set, nullptr), nullptr);
+         EventObject *unhashable = EventObject_New(1);  // its class has no Hash
+         EXPECT_EQ(ObjectSet_Add(set, unhashable, nullptr), -1);
+         EXPECT_EQ(ObjectSet_Find(set, unhashable), nullptr);
+         EXPECT_EQ(ObjectSet_Remove(set, unhashable), nullptr);
+         Object_Destroy(unhashable);
          ObjectSet_Clear(nullptr);
          ObjectSet_Free(nullptr);
          ObjectSet_Free(set);

@@ -18,10 +18,12 @@ constexpr double kLoadFactor = 0.75;
 
 extern const ObjectSetDescriptor kObjectSetClass;
 
+const ClassDescriptor *ClassOf(const void *object) { return static_cast<const Object *>(object)->ftbl; }
+
 // Absolute value and remainder in signed 32-bit arithmetic: the most negative hash keeps
 // its sign and, bucket counts being powers of two times 8, lands in bucket 0.
 int32_t BucketOf(const void *object, int32_t bucketCount) {
-    const int32_t hash = static_cast<const Object *>(object)->ftbl->Hash(object);
+    const int32_t hash = ClassOf(object)->Hash(object);
     const int32_t magnitude = hash < 0 ? static_cast<int32_t>(0u - static_cast<uint32_t>(hash)) : hash;
     if (bucketCount <= 0) return 0;  // only a record written over by hand has no buckets
     // A power of two (as every count the set makes is) divides 2^31, so the remainder is
@@ -122,6 +124,7 @@ ObjectSet *ObjectSet_New(void) {
 int32_t ObjectSet_Add(ObjectSet *set, void *obj, int32_t *added) {
     VOKT_ASSERT_OR_RETURN(set != NULL, -1);
     VOKT_ASSERT_OR_RETURN(obj != NULL, -1);
+    VOKT_ASSERT_OR_RETURN(ClassOf(obj)->Hash != NULL, -1);  // an object that cannot be placed
     int32_t result = 0;
     const int32_t bucket = BucketOf(obj, set->bucketCount);
     ObjectSetEntry **link = FindLink(set, obj, bucket);
@@ -148,6 +151,7 @@ int32_t ObjectSet_Add(ObjectSet *set, void *obj, int32_t *added) {
 void *ObjectSet_Find(ObjectSet *set, void *probe) {
     VOKT_ASSERT_OR_RETURN(set != NULL, nullptr);
     if (!probe) return nullptr;
+    VOKT_ASSERT_OR_RETURN(ClassOf(probe)->Hash != NULL, nullptr);
     ObjectSetEntry *entry = *FindLink(set, probe, BucketOf(probe, set->bucketCount));
     return entry ? entry->object : nullptr;
 }
@@ -155,6 +159,7 @@ void *ObjectSet_Find(ObjectSet *set, void *probe) {
 void *ObjectSet_Remove(ObjectSet *set, void *probe) {
     VOKT_ASSERT_OR_RETURN(set != NULL, nullptr);
     if (!probe) return nullptr;
+    VOKT_ASSERT_OR_RETURN(ClassOf(probe)->Hash != NULL, nullptr);
     const int32_t bucket = BucketOf(probe, set->bucketCount);
     ObjectSetEntry **link = FindLink(set, probe, bucket);
     return *link ? Unlink(set, link, bucket) : nullptr;

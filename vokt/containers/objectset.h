@@ -47,7 +47,8 @@ typedef struct ObjectSetDescriptor {
 /** New empty set of 8 buckets, or null. Stored classes must fill the Hash slot. */
 VOKT_API ObjectSet *ObjectSet_New(void);
 /** Stores obj unless an equal object is there (*added, when given, says which):
- * 0, or -2 when the entry could not be allocated. */
+ * 0, or -2 when the entry could not be allocated. An object whose class has no Hash cannot
+ * be placed: it is reported and refused with -1 (Find and Remove give null for it). */
 VOKT_API int32_t ObjectSet_Add(ObjectSet *set, void *obj, int32_t *added);
 /** The stored object equal to probe (borrowed), or null. */
 VOKT_API void *ObjectSet_Find(ObjectSet *set, void *probe);
