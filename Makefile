@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: MIT
 # Thin wrapper over CMake. `make test` builds and runs every test; `make run` runs the
 # main example. Sanitizer builds live in their own folders.
 MAKEFLAGS += --no-print-directory
@@ -10,7 +11,7 @@ DIRECT_LOCK ?= ON
 SUFFIX  := $(if $(filter OFF,$(DIRECT_LOCK)),-nodirect,)
 BUILD   := build$(SUFFIX)
 CMAKE_FLAGS ?=
-CONFIGURE = -DVOKT_DIRECT_LOCK=$(DIRECT_LOCK) $(CMAKE_FLAGS)
+CONFIGURE = -DVOKT_WERROR=ON -DVOKT_DIRECT_LOCK=$(DIRECT_LOCK) $(CMAKE_FLAGS)
 
 FUZZ_SECONDS ?= 30
 FUZZ_TARGETS := text stream containers codename version date
@@ -57,7 +58,7 @@ sanitize: deps
 	  ctest --test-dir build-asan$(SUFFIX) --output-on-failure -j$(JOBS)
 
 tsan: deps
-	@cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DVOKT_SANITIZE=thread -DVOKT_BUILD_EXAMPLES=OFF >/dev/null
+	@cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DVOKT_SANITIZE=thread -DVOKT_BUILD_EXAMPLES=OFF $(CONFIGURE) >/dev/null
 	@cmake --build build-tsan -j$(JOBS)
 	@TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest --test-dir build-tsan --output-on-failure -j$(JOBS)
 
@@ -66,7 +67,7 @@ tsan: deps
 fuzz: deps
 	@cmake/install-deps.sh clang libclang-rt-14-dev
 	@CC=clang CXX=clang++ cmake -S . -B build-fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVOKT_FUZZ=ON \
-	  -DVOKT_BUILD_TESTS=OFF -DVOKT_BUILD_EXAMPLES=OFF >/dev/null
+	  -DVOKT_BUILD_TESTS=OFF -DVOKT_BUILD_EXAMPLES=OFF $(CONFIGURE) >/dev/null
 	@cmake --build build-fuzz -j$(JOBS)
 	@cd build-fuzz && for t in $(FUZZ_TARGETS); do \
 	  mkdir -p corpus/$$t artifacts && echo "== fuzz_$$t ($(FUZZ_SECONDS) s)" && \
@@ -77,7 +78,7 @@ fuzz: deps
 # Line and branch coverage of vokt/ from the test suite, per file; fails below the floors.
 coverage: deps
 	@cmake/install-deps.sh gcovr
-	@cmake -S . -B build-cov -DCMAKE_BUILD_TYPE=Debug -DVOKT_COVERAGE=ON -DVOKT_BUILD_EXAMPLES=OFF >/dev/null
+	@cmake -S . -B build-cov -DCMAKE_BUILD_TYPE=Debug -DVOKT_COVERAGE=ON -DVOKT_BUILD_EXAMPLES=OFF $(CONFIGURE) >/dev/null
 	@cmake --build build-cov -j$(JOBS)
 	@find build-cov -name '*.gcda' -delete
 	@ctest --test-dir build-cov -j$(JOBS) >/dev/null || { ctest --test-dir build-cov --rerun-failed --output-on-failure; exit 1; }
@@ -89,13 +90,13 @@ coverage: deps
 # $(BUILD)/docs; an undocumented public function, type, field or macro fails it.
 docs: deps
 	@cmake/install-deps.sh doxygen
-	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CONFIGURE) >/dev/null
 	@rm -rf $(BUILD)/docs && doxygen $(BUILD)/Doxyfile && echo "reference: $(BUILD)/docs/html/index.html"
 
 # clang-tidy (the checks in .clang-tidy) and cppcheck over the library; any finding fails.
 lint: deps
 	@cmake/install-deps.sh clang-tidy cppcheck
-	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_EXPORT_COMPILE_COMMANDS=ON >/dev/null
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_EXPORT_COMPILE_COMMANDS=ON $(CONFIGURE) >/dev/null
 	@run-clang-tidy -quiet -extra-arg=-Wno-ignored-optimization-argument -p $(BUILD) '$(CURDIR)/vokt/' 2>&1 | grep -vE '^(clang-tidy|[0-9]+ warnings? generated|Suppressed|Use -header-filter|Enabled checks)' ; \
 	  test $${PIPESTATUS[0]} -eq 0 && echo "clang-tidy: clean"
 	@cppcheck --enable=warning,performance,portability --std=c++20 --language=c++ -I . -I $(BUILD)/generated \
@@ -117,7 +118,7 @@ abi-baseline: all
 # of ratios goes to $(BUILD)/bench/ratios.md and .csv, the chart to ratios.png.
 bench: deps
 	@cmake/install-deps.sh libbenchmark-dev libglib2.0-dev gnuplot-nox
-	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVOKT_BUILD_BENCH=ON >/dev/null
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVOKT_BUILD_BENCH=ON $(CONFIGURE) >/dev/null
 	@cmake --build $(BUILD) -j$(JOBS)
 	@$(BUILD)/bench/bench_paths --out-dir=$(BUILD)/bench --benchmark_min_time=0.05 --benchmark_repetitions=5 \
 	  --benchmark_display_aggregates_only=true $(BENCH_ARGS)

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Compares the built libvokt.so with the committed ABI baseline of its SONAME. Added
 # functions pass; any change to what the baseline exports (a removed function, a changed
 # signature, a changed layout of a public struct) fails, unless the SONAME and the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The paths that code built on vokt calls millions of times, each run three ways side by
 // side: vokt, the same algorithm written bare in C here (no library boundary), and the peer
 // a user would otherwise pick (GLib, or pthreads where GLib is not installed). The run ends

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Installs the Debian packages named as arguments that are missing. As root it runs
 # apt-get; otherwise it prints the command to run and fails.
 missing=""

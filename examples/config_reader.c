@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /* config_reader: reads a "key = value" file the way vokt programs usually do. It opens
  * the file with FileHandle_New, reads logical lines (backslash continuations joined) from
  * a Stream, splits and trims each setting, keeps the settings in a StringMap and counts

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Shared by the fuzz targets: a model mismatch is a crash, so libFuzzer keeps the input.
 #ifndef VOKT_FUZZ_CHECK_H
 #define VOKT_FUZZ_CHECK_H

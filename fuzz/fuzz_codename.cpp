@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // CodeName: packing a name and reading it back, and setting single blocks.
 #include <fuzzer/FuzzedDataProvider.h>
 

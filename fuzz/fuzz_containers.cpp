@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Vector, ObjectSet, StringMap and StringBag driven by the input, each checked after every
 // step against a standard container doing the same.
 #include <fuzzer/FuzzedDataProvider.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Month names both ways and dates of any time value.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <time.h>

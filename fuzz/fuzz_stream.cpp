@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The three line readers against models of their line-end rules, and logical lines.
 #include <sys/mman.h>
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Text operations against plain models: trimming, collapsing, splitting and joining,
 // editing, wrapping, paths and formatting.
 #include <fuzzer/FuzzedDataProvider.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Version_Compare: equal to itself, the sign flips when the arguments swap, and the sign
 // agrees with comparing the three numbers in order.
 #include <fuzzer/FuzzedDataProvider.h>

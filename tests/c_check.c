@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /* Strict C11 use of the public headers, also built against an installed vokt. */
 #include <stdio.h>
 

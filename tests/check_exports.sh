@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Compares the functions exported by the shared library with those declared VOKT_API.
 set -eu
 lib="$1"; headers="$2"

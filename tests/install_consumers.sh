@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Builds and runs a C consumer (pkg-config, cc) and a C++ consumer (CMake find_package,
 # c++) against vokt as a user gets it: installed into a temporary prefix ('install'), or
 # unpacked from the Debian packages and the .tar.gz that 'make package' makes ('package').

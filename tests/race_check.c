@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /* Two threads count under one vokt Mutex while valgrind's race checkers (Helgrind, DRD)
  * watch. The library is loaded with dlopen after the program has, when asked ("clear"),
  * emptied its LD_PRELOAD: the library must recognise the checker without the environment.

@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Compiles every ```c block of the README as strict C11 against the built library and
 # runs it in a scratch directory, so that the samples stay true.
 set -eu

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Test support: a failing allocator, child-process runs and small file helpers.
 #pragma once
 

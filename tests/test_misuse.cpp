@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A caller's mistake (a null object, an index outside a vector, a bad reference) is
 // reported and survived: every public operation, called wrongly, gives its failure value.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Every public operation that allocates, run with each of its allocations failing in
 // turn: once (transient), and from that one on (persistent). Each run must give the
 // success or the documented failure result, leak nothing, and leave its objects usable.

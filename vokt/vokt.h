@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /** @file
  * Umbrella header; includes every public header of the runtime.
  */

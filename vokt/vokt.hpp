@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /** @file
  * C++ helpers over the C API (header-only). They own, lock and check; they never hide a
  * vokt object or change what the C functions do.

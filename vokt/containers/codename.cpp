@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // CodeName: 6-bit blocks laid end to end over two 32-bit words, block 0 lowest.
 #include "vokt/containers/codename.h"
 

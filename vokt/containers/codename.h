@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /** @file
  * CodeName, up to 11 identifier characters packed into a 64-bit code.
  */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // ObjectSet: separate chaining keyed by the objects' own Hash and Equals slots. The load
 // is measured in occupied buckets, so collisions do not bring a rehash nearer.
 #include "vokt/containers/objectset.h"

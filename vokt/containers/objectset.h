@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /** @file
  * ObjectSet, a hashed set of object pointers (separate chaining, never owning).
  */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // StringBag: a multiset of texts that match without regard to case, in insertion order.
 #include "vokt/containers/stringbag.h"
 

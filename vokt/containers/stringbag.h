@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /** @file
  * StringBag, distinct texts (matched without regard to case) with counts.
  */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // StringMap: a sorted array of entries ordered by the one-at-a-time hash of the key and
 // searched by halving; equal hashes form adjacent runs that are compared key by key.
 #include "vokt/containers/stringmap.h"

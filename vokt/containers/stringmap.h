@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /** @file
  * StringMap, string keys to string values kept in ascending order of key hash.
  */

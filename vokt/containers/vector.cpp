@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Vector: a linearly growing array of object pointers, optionally owning its elements
 // and optionally guarded by its own recursive mutex.
 #include "vokt/containers/vector.h"

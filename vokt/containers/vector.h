@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /** @file
  * Vector, the growable (optionally owning, optionally synchronised) object array.
  */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /** @file
  * Export and format attributes, and the result codes shared by all modules.
  */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // MemBlock: a raw buffer resized to exactly what its holder asks for.
 #include "vokt/core/memblock.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /** @file
  * MemBlock, one raw resizable byte buffer with the object shape.
  */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The allocation layer: every byte the runtime holds passes through these three calls,
 // so that a program (or a test) can watch or fail any single allocation.
 #include "vokt/core/memory.h"

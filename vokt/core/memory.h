@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /** @file
  * The one allocation layer through which the whole runtime allocates.
  */

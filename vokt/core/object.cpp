@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The object model's shared pieces: object allocation, EventObject and start-up.
 #include "vokt/core/object.h"
 

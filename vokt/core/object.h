@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /** @file
  * Class descriptors, the object header, EventObject and the start-up routine.
  */

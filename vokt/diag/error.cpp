@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Errors: assertion reports, Error records, the process-wide error store addressed by
 // 32-bit references, and the texts of socket and resolver error numbers.
 #include "vokt/diag/error.h"
@@ -194,11 +195,15 @@ constexpr NetErrorText kNetErrors[] = {
     {115, "EINPROGRESS", "", 50},
 };
 
-// Copies at most length bytes of text into out; the last byte is always a terminator.
+// Copies at most length bytes of text into out, zeroing the rest of it; the last byte is
+// always a terminator, so a text that does not fit is cut.
 void CopyBounded(char *out, int32_t length, const char *text) {
     if (!out || length <= 0) return;
-    strncpy(out, text, static_cast<size_t>(length));
-    out[length - 1] = '\0';
+    const size_t room = static_cast<size_t>(length);
+    const size_t n = strnlen(text, room);
+    memcpy(out, text, n);
+    memset(out + n, 0, room - n);
+    out[room - 1] = '\0';
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /** @file
  * Assertion reports, Error records, the error store and network error texts.
  */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The process-wide log: one file, appended a whole line at a time under one recursive
 // mutex, configured from the environment at the first call and kept small by cutting
 // it back to its newest whole lines.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /** @file
  * The process-wide log file ("vokt.log"), its levels, echo and size limit.
  */

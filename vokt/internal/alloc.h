@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Private: the allocation layer as the runtime's modules use it.
 #ifndef VOKT_INTERNAL_ALLOC_H
 #define VOKT_INTERNAL_ALLOC_H

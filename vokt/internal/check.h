@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Private: assertion reports and the error-code convention shared by the modules.
 // A file that uses them defines `constexpr char kModule[]` first.
 #ifndef VOKT_INTERNAL_CHECK_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Private: descriptors that other modules reference directly.
 #ifndef VOKT_INTERNAL_CLASSES_H
 #define VOKT_INTERNAL_CLASSES_H

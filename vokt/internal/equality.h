@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Private: how containers decide that a probe matches a stored object.
 #ifndef VOKT_INTERNAL_EQUALITY_H
 #define VOKT_INTERNAL_EQUALITY_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Private: the locks that must be held across fork(), so that a child never inherits one
 // that a vanished thread was holding. The log takes them all, in lock order.
 #ifndef VOKT_INTERNAL_FORK_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Private: the one-at-a-time hash shared by String and StringMap.
 #ifndef VOKT_INTERNAL_HASH_H
 #define VOKT_INTERNAL_HASH_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Private: Mutex_Lock and Mutex_Unlock as inline paths, so that the library's own locks
 // (synchronised vectors, the log, the error store) cost no call in the common case. The
 // general and blocking paths stay in the sync module.

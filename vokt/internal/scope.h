@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Private: scope guards for locks and scratch objects.
 #ifndef VOKT_INTERNAL_SCOPE_H
 #define VOKT_INTERNAL_SCOPE_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Private: String assignment and appending for callers that already know the length.
 #ifndef VOKT_INTERNAL_TEXT_H
 #define VOKT_INTERNAL_TEXT_H

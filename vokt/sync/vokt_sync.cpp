@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Synchronisation records over POSIX threads. This module sits below the log, so it
 // reports its own failures on standard error. The records are the caller's; the only
 // memory it may take is more room for the slots of the threads it has started, when more

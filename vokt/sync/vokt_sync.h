@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /** @file
  * Recursive mutexes, conditions, events, counters and threads over POSIX threads. The
  * records are embedded by value and nothing here logs. Nothing here allocates, except more

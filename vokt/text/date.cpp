@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Dates as day-month-year with three-letter month names, in local time.
 #include "vokt/text/date.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /** @file
  * Day-month-year dates ("5-jan-2024") and month names, in local time.
  */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Handle objects: a descriptor or a stdio file with the object shape, closed by Destroy.
 #include "vokt/text/handles.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /** @file
  * Socket, StreamHandle and FileHandle: descriptors and files as objects that close what
  * they hold when destroyed. What Socket_New and FileHandle_New open is close-on-exec, so it

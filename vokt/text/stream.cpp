@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Streams: one line reader per source type, chosen when the stream is made, and logical
 // lines joined across backslash continuations on top of them.
 #include "vokt/text/stream.h"

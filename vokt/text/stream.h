@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /** @file
  * Stream, one line reader over a String, a stdio file or a file descriptor.
  */

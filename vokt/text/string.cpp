@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // String: a heap-held, NUL-terminated byte string stored with exact fit, and the text
 // utilities built on it. Reports as module "util", the name its users' logs know.
 #include "vokt/text/string.h"

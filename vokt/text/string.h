@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /** @file
  * String (growable, exact-fit, NUL-terminated), text utilities, paths and the cleanup list.
  */

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Three-part version strings compared part by part.
 #include "vokt/text/version.h"
 

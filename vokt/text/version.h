@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /** @file
  * Three-part version strings ("2.1.10").
  */

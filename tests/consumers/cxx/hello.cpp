@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // A C++ program built against an installed vokt through find_package(vokt).
 #include <cstdio>
 
