@@ -19,36 +19,36 @@ FUZZ_TARGETS := text stream containers codename version date
 COVERAGE_LINES ?= 95
 COVERAGE_BRANCHES ?= 85
 
-.PHONY: all deps test run sanitize tsan fuzz coverage lint docs abi-check abi-baseline package bench install clean
+.PHONY: all configure deps build-deps test run sanitize tsan fuzz coverage lint docs abi-check abi-baseline package \
+  package-lint bench install libdir clean
 
-all: deps
-	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVOKT_BUILD_BENCH=OFF $(CONFIGURE) >/dev/null
+all: configure deps
 	@cmake --build $(BUILD) -j$(JOBS)
 
-# Checks the tools; as root it installs what is missing from Debian's packages,
-# otherwise it prints the command to run.
-deps:
+configure: build-deps
+	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVOKT_BUILD_BENCH=OFF $(CONFIGURE) >/dev/null
+
+# Checks the tools: build-deps what the library and the examples need, deps what the tests
+# need besides. As root it installs what is missing from Debian's packages, otherwise it
+# prints the command to run.
+build-deps:
 	@missing=""; \
 	command -v cmake >/dev/null 2>&1 || missing="$$missing cmake"; \
 	command -v make >/dev/null 2>&1 || missing="$$missing make"; \
 	command -v pkg-config >/dev/null 2>&1 || missing="$$missing pkg-config"; \
 	echo 'int main(){}' | g++ -std=c++20 -x c++ -o /dev/null - >/dev/null 2>&1 || missing="$$missing g++"; \
-	[ -f /usr/include/gtest/gtest.h ] || missing="$$missing libgtest-dev"; \
 	[ -f /usr/include/valgrind/valgrind.h ] || missing="$$missing valgrind"; \
-	if [ -n "$$missing" ]; then \
-	  if [ "$$(id -u)" = 0 ] && command -v apt-get >/dev/null 2>&1; then \
-	    echo "installing:$$missing"; \
-	    DEBIAN_FRONTEND=noninteractive apt-get update -qq && \
-	    DEBIAN_FRONTEND=noninteractive apt-get install -y -qq $$missing >/dev/null || exit 1; \
-	  else \
-	    echo "missing:$$missing"; echo "run: sudo apt-get install -y$$missing"; exit 1; \
-	  fi; \
-	fi
+	cmake/install-deps.sh $$missing
+
+deps: build-deps
+	@[ -f /usr/include/gtest/gtest.h ] || cmake/install-deps.sh libgtest-dev
 
 test: all
 	@ctest --test-dir $(BUILD) --output-on-failure -j$(JOBS)
 
-run: all
+# Only the library and the example: no test dependencies.
+run: configure
+	@cmake --build $(BUILD) -j$(JOBS) --target config_reader
 	@$(BUILD)/examples/config_reader
 
 sanitize: deps
@@ -87,11 +87,11 @@ coverage: deps
 	  --print-summary; status=$$?; cat build-cov/coverage.txt; exit $$status
 
 # The HTML reference (and man pages) from the public headers and the README, under
-# $(BUILD)/docs; an undocumented public function, type, field or macro fails it.
-docs: deps
+# $(BUILD)/docs; an undocumented public function, type, field, macro or parameter fails it.
+docs: configure
 	@cmake/install-deps.sh doxygen
-	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CONFIGURE) >/dev/null
-	@rm -rf $(BUILD)/docs && doxygen $(BUILD)/Doxyfile && echo "reference: $(BUILD)/docs/html/index.html"
+	@cmake -S . -B $(BUILD) >/dev/null
+	@cmake --build $(BUILD) --target docs | grep -v '^\[' ; echo "reference: $(BUILD)/docs/html/index.html"
 
 # clang-tidy (the checks in .clang-tidy) and cppcheck over the library; any finding fails.
 lint: deps
@@ -123,13 +123,29 @@ bench: deps
 	@$(BUILD)/bench/bench_paths --out-dir=$(BUILD)/bench --benchmark_min_time=0.05 --benchmark_repetitions=5 \
 	  --benchmark_display_aggregates_only=true $(BENCH_ARGS)
 
-# The .tar.gz and the Debian packages (libvokt1, libvokt-dev) under $(BUILD)/packages.
-package: all
-	@mkdir -p $(BUILD)/packages
-	@cd $(BUILD)/packages && cpack --config ../CPackConfig.cmake | grep -E 'generated'
+# The .tar.gz and the Debian packages (libvokt1 with libvokt1-dbgsym, libvokt-dev,
+# libvokt-doc) under $(BUILD)/packages; package-lint checks them with lintian.
+package: all docs
+	@rm -rf $(BUILD)/packages && mkdir -p $(BUILD)/packages
+	@cd $(BUILD)/packages && cpack --config ../CPackConfig.cmake 2>&1 | grep -E 'generated|rror'
+	@cmake/debian/dbgsym.sh $$(readlink -f $(BUILD)/libvokt.so) $(BUILD)/packages \
+	  $$(dpkg-deb -f $(BUILD)/packages/libvokt1_*.deb Version) $$(dpkg --print-architecture) \
+	  "$$(dpkg-deb -f $(BUILD)/packages/libvokt1_*.deb Maintainer)"
 
-install: all
+# No error, and no warning but one: initial-upload-closes-no-bugs concerns uploads to
+# Debian's archive, which these packages are not.
+package-lint: package
+	@cmake/install-deps.sh lintian
+	@lintian --fail-on error,warning --suppress-tags initial-upload-closes-no-bugs $(BUILD)/packages/*.deb \
+	  $(BUILD)/packages/*.ddeb && echo "lintian: clean"
+
+# Installs the libraries, headers, pkg-config and CMake files, and the reference with its
+# man pages; `make libdir` prints where the libraries go below PREFIX.
+install: all docs
 	@cmake --install $(BUILD) --prefix $(PREFIX)
+
+libdir: configure
+	@sed -n 's/^CMAKE_INSTALL_LIBDIR:PATH=//p' $(BUILD)/CMakeCache.txt
 
 clean:
 	@rm -rf build build-nodirect build-asan build-asan-nodirect build-tsan build-fuzz build-cov

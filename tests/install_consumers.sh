@@ -7,16 +7,25 @@ set -eu
 mode="$1"; build="$2"; tests="$3"
 tmp=$(mktemp -d); trap 'rm -rf "$tmp"' EXIT
 
+libdir=$(sed -n 's/^CMAKE_INSTALL_LIBDIR:PATH=//p' "$build/CMakeCache.txt")
+
 consume() {  # prefix
-  prefix="$1"
-  for file in include/vokt/vokt.h include/vokt/core/vokt_version.h lib/libvokt.so.1 lib/libvokt.a; do
+  prefix="$1"; lib="$prefix/$libdir"
+  for file in include/vokt/vokt.h include/vokt/core/vokt_version.h "$libdir/libvokt.so.1" "$libdir/libvokt.a"; do
     test -e "$prefix/$file" || { echo "missing: $file"; exit 1; }
   done
-  test -L "$prefix/lib/libvokt.so" || { echo "missing: the link name lib/libvokt.so"; exit 1; }
+  test -L "$lib/libvokt.so" || { echo "missing: the link name libvokt.so"; exit 1; }
   test ! -e "$prefix/include/vokt/internal" || { echo "private headers installed"; exit 1; }
-  PKG_CONFIG_PATH="$prefix/lib/pkgconfig" cc -std=c11 -Wall -Wextra -Wpedantic -Werror "$tests/c_check.c" \
-    $(PKG_CONFIG_PATH="$prefix/lib/pkgconfig" pkg-config --cflags --libs vokt) -Wl,-rpath,"$prefix/lib" -o "$tmp/hello_c"
+  flags=$(PKG_CONFIG_PATH="$lib/pkgconfig" pkg-config --cflags --libs vokt)
+  cc -std=c11 -Wall -Wextra -Wpedantic -Werror "$tests/c_check.c" $flags -Wl,-rpath,"$lib" -o "$tmp/hello_c"
   "$tmp/hello_c" | grep -qx "c_check: ok"
+  # The static archive links warning-free into a program built with any compiler and flags.
+  for compiler in gcc clang; do
+    command -v $compiler >/dev/null || continue
+    $compiler -std=c11 -O2 -Wall -Wextra -Werror "$tests/c_check.c" -I"$prefix/include" "$lib/libvokt.a" -pthread \
+      -o "$tmp/static_c"
+    "$tmp/static_c" | grep -qx "c_check: ok"
+  done
   rm -rf "$tmp/cxx"
   cmake -S "$tests/consumers/cxx" -B "$tmp/cxx" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
   cmake --build "$tmp/cxx" >/dev/null
@@ -35,7 +44,7 @@ runtime=$(ls "$tmp"/libvokt1_*.deb)
 dev=$(ls "$tmp"/libvokt-dev_*.deb)
 archive=$(ls "$tmp"/vokt-*.tar.gz)
 # The runtime package holds the shared library only; the rest is in the development one.
-dpkg-deb -c "$runtime" | grep -q 'usr/lib/libvokt.so.1 '
+dpkg-deb -c "$runtime" | grep -q "usr/$libdir/libvokt.so.1 "
 if dpkg-deb -c "$runtime" | grep -q -e 'include/' -e '\.a$'; then echo "development files in $runtime"; exit 1; fi
 dpkg-deb -f "$dev" Depends | grep -q '^libvokt1 ('
 for deb in "$runtime" "$dev"; do dpkg-deb -x "$deb" "$tmp/root"; done
