@@ -148,4 +148,4 @@ libdir: configure
 	@sed -n 's/^CMAKE_INSTALL_LIBDIR:PATH=//p' $(BUILD)/CMakeCache.txt
 
 clean:
-	@rm -rf build build-nodirect build-asan build-asan-nodirect build-tsan build-fuzz build-cov
+	@rm -rf build build-nodirect build-release build-asan build-asan-nodirect build-tsan build-fuzz build-cov

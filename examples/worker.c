@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 /* A background worker: it wakes every 40 ms (or when told to stop), hands a few jobs to
  * detached threads, counts them in flight with a Counter, and is stopped with an Event
- * and Thread_Join. Build and run with `make run`. */
+ * and Thread_Join. Built with the library; run build/examples/worker. */
 #include <stdio.h>
 
 #include "vokt/vokt.h"

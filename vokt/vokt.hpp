@@ -2,6 +2,9 @@
 /** @file
  * C++ helpers over the C API (header-only). They own, lock and check; they never hide a
  * vokt object or change what the C functions do.
+ *
+ * @par Example
+ * @include reference/hpp.cpp
  */
 #ifndef VOKT_VOKT_HPP
 #define VOKT_VOKT_HPP
@@ -15,17 +18,22 @@
 /** The C++ helpers. */
 namespace vokt {
 
-/// Owning pointer for any vokt object, destroyed through its class descriptor:
-/// vokt::Ptr<String> s(String_NewFromChars("x")). Move-only, like std::unique_ptr.
+/// Owning pointer for any vokt object, destroyed through its class descriptor when the
+/// pointer goes; move-only, like std::unique_ptr.
+/// @tparam T The object's type (String, Vector, ...).
 template <typename T>
 class Ptr {
 public:
     Ptr() noexcept = default;
-    /// Takes ownership of object (which may be null).
+    /// Takes ownership of an object.
+    /// @param object The object, or null.
     explicit Ptr(T *object) noexcept : p_(object) {}
-    /// Takes the object of other, which is left empty.
+    /// Takes the object of another pointer.
+    /// @param other Left empty.
     Ptr(Ptr &&other) noexcept : p_(other.release()) {}
-    /// Destroys the object held and takes the one of other.
+    /// Destroys the object held and takes the one of another pointer.
+    /// @param other Left empty.
+    /// @return This pointer.
     Ptr &operator=(Ptr &&other) noexcept {
         reset(other.release());
         return *this;
@@ -34,33 +42,44 @@ public:
     Ptr(const Ptr &) = delete;
     Ptr &operator=(const Ptr &) = delete;
 
-    /// The object (still owned), or null.
+    /// The object, still owned.
+    /// @return It, or null.
     T *get() const noexcept { return p_; }
     /// The object's members.
+    /// @return The object.
     T *operator->() const noexcept { return p_; }
     /// The object itself.
+    /// @return A reference to it (there must be one).
     T &operator*() const noexcept { return *p_; }
-    /// True when an object is held.
+    /// Tells whether an object is held.
+    /// @return True when one is.
     explicit operator bool() const noexcept { return p_ != nullptr; }
     /// Gives the object up without destroying it.
+    /// @return The object, now the caller's, or null.
     T *release() noexcept {
         T *p = p_;
         p_ = nullptr;
         return p;
     }
-    /// Destroys the object held (unless it is object) and holds object instead.
+    /// Destroys the object held (unless it is the new one) and holds another.
+    /// @param object The new object, or null.
     void reset(T *object = nullptr) noexcept {
         if (object != p_) Object_Destroy(p_);
         p_ = object;
     }
-    /// True when nothing is held.
+    /// Compares with null.
+    /// @param a The pointer.
+    /// @return True when it holds nothing.
     friend bool operator==(const Ptr &a, decltype(nullptr)) noexcept { return a.p_ == nullptr; }
 
 private:
     T *p_ = nullptr;
 };
 
-/// A Ptr owning object, with the type deduced.
+/// Makes a Ptr owning an object, with the type deduced.
+/// @tparam T The object's type.
+/// @param object The object, or null.
+/// @return The pointer.
 template <typename T>
 Ptr<T> Own(T *object) noexcept {
     return Ptr<T>(object);
@@ -69,7 +88,8 @@ Ptr<T> Own(T *object) noexcept {
 /// Holds a Mutex for the scope.
 class MutexLock {
 public:
-    /// Locks m until the end of the scope.
+    /// Locks a Mutex until the end of the scope.
+    /// @param m The Mutex (held once more by a thread that holds it already).
     explicit MutexLock(Mutex &m) noexcept : m_(m) { Mutex_Lock(&m_); }
     ~MutexLock() { Mutex_Unlock(&m_); }
     MutexLock(const MutexLock &) = delete;
@@ -83,7 +103,8 @@ private:
 /// one. The Vector must be synchronised (Vector_SetSynchronized).
 class VectorLock {
 public:
-    /// Locks v until the end of the scope.
+    /// Locks a Vector until the end of the scope.
+    /// @param v The Vector.
     explicit VectorLock(Vector *v) noexcept : v_(v) { Vector_Lock(v_); }
     ~VectorLock() { Vector_Unlock(v_); }
     VectorLock(const VectorLock &) = delete;
@@ -93,18 +114,26 @@ private:
     Vector *v_;
 };
 
-/// True when result is 0; any other result (-1, -2, an error reference) is a failure.
+/// Tells success from failure.
+/// @param result An operation's result.
+/// @return True when it is 0; any other result (-1, -2, an error reference) is a failure.
 inline bool Ok(int32_t result) noexcept { return result == VOKT_OK; }
-/// True when result names an Error (-2 included).
+/// Tells whether a result names an Error.
+/// @param result An operation's result.
+/// @return True for -2 and for a reference whose Error is stored.
 inline bool IsStoredError(int32_t result) noexcept { return result != 0 && ErrorStore_IsError(result) != 0; }
 
-/// Takes the Error of a reference out of the store; the pointer frees it. Null for codes
-/// that carry no Error (0, -1, other plain codes).
+/// Takes the Error of a result out of the store; the pointer frees it.
+/// @param result An operation's result.
+/// @return The Error (the static record for -2, which is never freed); null for results that
+///         carry no Error (0, -1, other plain codes).
 inline Ptr<Error> TakeError(int32_t result) noexcept {
     return Ptr<Error>(IsStoredError(result) ? ErrorStore_Take(result) : nullptr);
 }
 
-/// The text of a String, "" when it is unset.
+/// Reads a String's text.
+/// @param s The String, or null.
+/// @return Its text (borrowed); "" when it is unset or null.
 inline const char *Text(const String *s) noexcept { return s && s->bIsSet && s->string ? s->string : ""; }
 
 }  // namespace vokt

@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: MIT
 /** @file
  * MemBlock, one raw resizable byte buffer with the object shape.
+ *
+ * @par Example
+ * @include reference/memblock.c
  */
 #ifndef VOKT_CORE_MEMBLOCK_H
 #define VOKT_CORE_MEMBLOCK_H
@@ -20,13 +23,22 @@ typedef struct MemBlock {
     void *data; /**< The buffer, owned by the block; may be null. */
 } MemBlock;
 
-/** New block of size bytes. Null when the record cannot be allocated; a record with a
- * null data (and a log line) when only the buffer failed, so callers test data. */
+/** Makes a block with a buffer of size bytes (uninitialised).
+ * @param size The buffer's size; 0 gives whatever malloc(0) gives, without a message.
+ * @return The new block, owned by the caller (MemBlock_Free()); null when the record cannot
+ *         be allocated ("Unable to allocate MemBlock mem" in the log). When only the buffer
+ *         failed, the block comes back with a null data (and "Failed to allocate block of %d
+ *         bytes" in the log): test data before use. */
 VOKT_API MemBlock *MemBlock_New(size_t size);
-/** Resizes to exactly size bytes: 0, or an error reference (code 999) with the old
- * buffer kept. */
+/** Resizes the buffer to exactly size bytes, keeping its contents up to the smaller size.
+ * @param mem The block.
+ * @param size The new size.
+ * @return 0; -1 for a null mem (reported: "mem!=NULL"); or, when memory ran out, an error reference to an internal Error (code 999,
+ *         "Memory re-allocation of size %d failed"; -2 when even that cannot be made), with
+ *         the old buffer kept. The caller takes and frees that Error (ErrorStore_Take()). */
 VOKT_API int32_t MemBlock_Resize(MemBlock *mem, size_t size);
-/** Frees the buffer and the block; a null mem is reported and ignored. */
+/** Frees the buffer and the block (the class's Destroy slot).
+ * @param mem The block, dead afterwards; null is reported ("mem!=NULL") and ignored. */
 VOKT_API void MemBlock_Free(MemBlock *mem);
 
 #ifdef __cplusplus

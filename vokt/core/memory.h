@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: MIT
 /** @file
  * The one allocation layer through which the whole runtime allocates.
+ *
+ * @par Example
+ * @include reference/memory.c
  */
 #ifndef VOKT_CORE_MEMORY_H
 #define VOKT_CORE_MEMORY_H
@@ -20,10 +23,14 @@ typedef struct MemoryFunctions {
     void (*Free)(void *block); /**< As free; never called with null. */
 } MemoryFunctions;
 
-/** Replaces the allocator used by every runtime allocation; NULL (or a record with a
- * null member) restores the C library's. Call it while no runtime object is alive. */
+/** Replaces the allocator used by every allocation of the runtime.
+ * @param functions The three functions, copied; null, or a record with any member null,
+ *        restores the C library's malloc, realloc and free.
+ * @note Call it before Runtime_Init() and while no runtime object is alive: a block must be
+ *       released by the allocator that made it. Not thread-safe. */
 VOKT_API void Memory_SetFunctions(const MemoryFunctions *functions);
-/** Copies the allocator in force into *out; a null out is ignored. */
+/** Tells which allocator is in force.
+ * @param out Receives the three functions; a null out is ignored. */
 VOKT_API void Memory_GetFunctions(MemoryFunctions *out);
 
 #ifdef __cplusplus

@@ -1,6 +1,13 @@
 // SPDX-License-Identifier: MIT
 /** @file
  * Class descriptors, the object header, EventObject and the start-up routine.
+ *
+ * Every runtime object is a plain record whose first field, `ftbl`, points at its class's
+ * ClassDescriptor; containers destroy, compare, sort and hash objects only through it.
+ * Call Runtime_Init() once before anything else (calling it again is harmless).
+ *
+ * @par Example
+ * @include reference/object.c
  */
 #ifndef VOKT_CORE_OBJECT_H
 #define VOKT_CORE_OBJECT_H
@@ -42,21 +49,34 @@ typedef struct EventObject {
     uint64_t value; /**< The value, chosen by the creator, never interpreted. */
 } EventObject;
 
-/** New EventObject wrapping value; null (and a level-0 log line) when out of memory. */
+/** Makes an EventObject wrapping value.
+ * @param value Any 64-bit value; it is kept and never interpreted.
+ * @return The new object, owned by the caller (destroy it with Object_Destroy()); null when
+ *         memory ran out, after the log line "Unable to allocate EventObject rval". */
 VOKT_API EventObject *EventObject_New(uint64_t value);
-/** 1 when both are EventObjects wrapping the same value, else 0 (also for null). */
+/** Compares two EventObjects by value (the class's Equals slot).
+ * @param a The probe.
+ * @param b The stored object.
+ * @return 1 when both are EventObjects wrapping the same value; 0 otherwise, also when
+ *         either is null or of another class. */
 VOKT_API int32_t EventObject_Equals(const EventObject *a, const EventObject *b);
-/** (extension) Destroys any runtime object through its descriptor; NULL is ignored. */
+/** (extension) Destroys any runtime object through its descriptor's Destroy slot.
+ * @param object The object, which is dead afterwards; null, or an object whose class has no
+ *        Destroy, is left alone.
+ * @note The object belongs to the caller: never destroy one a container still owns. */
 VOKT_API void Object_Destroy(void *object);
-/** (extension) The version of the library actually loaded, as VOKT_VERSION_NUMBER gives it
- * for the headers a program was built with. Any thread. */
+/** (extension) The version of the library actually loaded.
+ * @return major * 10000 + minor * 100 + patch, as VOKT_VERSION_NUMBER gives it for the headers
+ *         a program was built with. Any thread. */
 VOKT_API int32_t Runtime_VersionNumber(void);
-/** (extension) The loaded library's version as text (for example "1.2.0"); static, never freed. */
+/** (extension) The loaded library's version as text.
+ * @return For example "1.2.1": static text, never freed. Any thread. */
 VOKT_API const char *Runtime_VersionString(void);
-/** Start-up routine: the error store's and the log's start-up steps (their mutexes are ready
- * from load and never initialised again), then seeds rand(). It runs
- * once per process: later calls, from any thread, wait for the first to finish and then
- * do nothing. */
+/** The runtime's start-up routine: the error store's and the log's start-up steps, then
+ * seeds rand() from the clock.
+ * @note It runs once per process: later calls, from any thread, wait for the first to finish
+ *       and then do nothing. The log's and the store's mutexes are ready from load and never
+ *       initialised again, so logging before start-up is safe. */
 VOKT_API void Runtime_Init(void);
 
 #ifdef __cplusplus
