@@ -229,6 +229,7 @@ using Body = std::function<void(benchmark::State &)>;
 struct Path {
     std::string name;
     Body vokt, bare, peer;
+    std::string peerName;  // what the peer member is, for the table and the chart
 };
 
 Body LockUnlock(int depth) {
@@ -391,25 +392,71 @@ Body PeerSetFind(size_t n) {
 }
 #endif
 
-void VoktSetAdd1k(benchmark::State &state) {
-    const auto &keys = KeysOf(1000);
-    std::vector<String *> strings;
-    for (const auto &k : keys) strings.push_back(String_NewFromChars(k.c_str()));
-    for (auto _ : state) {
-        ObjectSet *set = ObjectSet_New();
-        for (String *s : strings) ObjectSet_Add(set, s, nullptr);
-        ObjectSet_Free(set);
-    }
-    for (String *s : strings) String_Destroy(s);
+// Filling a container with n keys, from empty, so that its growth shows.
+Body SetFill(size_t n) {
+    return [n](benchmark::State &state) {
+        std::vector<String *> strings;
+        for (const auto &k : KeysOf(n)) strings.push_back(String_NewFromChars(k.c_str()));
+        for (auto _ : state) {
+            ObjectSet *set = ObjectSet_New();
+            for (String *s : strings) ObjectSet_Add(set, s, nullptr);
+            ObjectSet_Free(set);
+        }
+        for (String *s : strings) String_Destroy(s);
+    };
 }
-void BareSetAdd1k(benchmark::State &state) {
-    const auto &keys = KeysOf(1000);
-    for (auto _ : state) {
-        bare::Set set;
-        for (const auto &k : keys) bare::Insert(&set, k.c_str());
-        bare::Free(&set);
-    }
+Body BareSetFill(size_t n) {
+    return [n](benchmark::State &state) {
+        const auto &keys = KeysOf(n);
+        for (auto _ : state) {
+            bare::Set set;
+            for (const auto &k : keys) bare::Insert(&set, k.c_str());
+            bare::Free(&set);
+        }
+    };
 }
+Body MapFill(size_t n) {
+    return [n](benchmark::State &state) {
+        const auto &keys = KeysOf(n);
+        for (auto _ : state) {
+            StringMap *map = StringMap_New();
+            for (const auto &k : keys) StringMap_Set(map, k.c_str(), "value");
+            StringMap_Free(map);
+        }
+    };
+}
+Body BareMapFill(size_t n) {  // the same sorted array of copies, each insertion moving the later entries
+    return [n](benchmark::State &state) {
+        const auto &keys = KeysOf(n);
+        for (auto _ : state) {
+            std::vector<bare::MapEntry> map;
+            for (const auto &k : keys) {
+                const uint32_t h = bare::Hash(k.c_str(), k.size());
+                auto at = std::lower_bound(map.begin(), map.end(), h, [](const bare::MapEntry &e, uint32_t v) { return e.hash < v; });
+                map.insert(at, {h, strdup(k.c_str()), strdup("value")});
+            }
+            for (auto &e : map) free(const_cast<char *>(e.key)), free(const_cast<char *>(e.value));
+        }
+    };
+}
+#ifdef VOKT_BENCH_GLIB
+Body PeerSetFill(size_t n, bool copies) {
+    return [n, copies](benchmark::State &state) {
+        const auto &keys = KeysOf(n);
+        for (auto _ : state) {
+            GHashTable *t = copies ? g_hash_table_new_full(g_str_hash, g_str_equal, g_free, g_free)
+                                   : g_hash_table_new(g_str_hash, g_str_equal);
+            for (const auto &k : keys) {
+                if (copies)
+                    g_hash_table_insert(t, g_strdup(k.c_str()), g_strdup("value"));
+                else
+                    g_hash_table_add(t, const_cast<char *>(k.c_str()));
+            }
+            g_hash_table_destroy(t);
+        }
+    };
+}
+#endif
 
 Body MapGet(size_t n) {
     return [n](benchmark::State &state) {
@@ -502,19 +549,32 @@ void BareFileLines(benchmark::State &state) {
         fclose(f);
     }
 }
-#ifdef VOKT_BENCH_GLIB
+// What a C programmer writes: getline into one growing buffer, on the file, or on a stdio
+// file opened over the descriptor.
+void GetlineEvery(FILE *f) {
+    char *line = nullptr;
+    size_t room = 0;
+    ssize_t n;
+    while ((n = getline(&line, &room, f)) >= 0) {
+        if (n && line[n - 1] == '\n') line[--n] = '\0';
+        benchmark::DoNotOptimize(line);
+    }
+    free(line);
+}
 void PeerFileLines(benchmark::State &state) {
     for (auto _ : state) {
-        GIOChannel *channel = g_io_channel_new_file(g_file.c_str(), "r", nullptr);
-        gchar *line = nullptr;
-        while (g_io_channel_read_line(channel, &line, nullptr, nullptr, nullptr) == G_IO_STATUS_NORMAL) {
-            benchmark::DoNotOptimize(line);
-            g_free(line);
-        }
-        g_io_channel_unref(channel);
+        FILE *f = fopen(g_file.c_str(), "r");
+        GetlineEvery(f);
+        fclose(f);
     }
 }
-#endif
+void PeerHandleLines(benchmark::State &state) {
+    for (auto _ : state) {
+        FILE *f = fdopen(open(g_file.c_str(), O_RDONLY), "r");
+        GetlineEvery(f);
+        fclose(f);
+    }
+}
 void VoktHandleLines(benchmark::State &state) {
     for (auto _ : state) {
         const int fd = open(g_file.c_str(), O_RDONLY);
@@ -590,33 +650,42 @@ void PeerThreads(benchmark::State &state) {
 #endif
 
 // ---- The table. ----
-Body Nothing() { return nullptr; }
+[[maybe_unused]] Body Nothing() { return nullptr; }  // a peer that is not installed
 
 std::vector<Path> Paths() {
 #ifdef VOKT_BENCH_GLIB
 #define PEER(x) x
+#define PEER_NAME(glib, other) glib
 #else
 #define PEER(x) Nothing()
+#define PEER_NAME(glib, other) other
 #endif
     return {
-        {"Mutex lock+unlock", LockUnlock(1), BareLockUnlock(1), PeerLockUnlock(1)},
-        {"Mutex twice (recursion)", LockUnlock(2), BareLockUnlock(2), PeerLockUnlock(2)},
-        {"Vector_GetAt", GetAt(false), BareGetAt(false), PEER(PeerGetAt(false))},
-        {"Vector_GetAt, synchronised", GetAt(true), BareGetAt(true), PEER(PeerGetAt(true))},
-        {"64 x Vector_Add", VoktAdd64, BareAdd64, PEER(PeerAdd64)},
-        {"ObjectSet_Find 1k", SetFind(1000), BareSetFind(1000), PEER(PeerSetFind(1000))},
-        {"ObjectSet_Find 100k", SetFind(100000), BareSetFind(100000), PEER(PeerSetFind(100000))},
-        {"ObjectSet_Find 1M", SetFind(1000000), BareSetFind(1000000), PEER(PeerSetFind(1000000))},
-        {"ObjectSet_Add 1k", VoktSetAdd1k, BareSetAdd1k, Nothing()},
-        {"StringMap_Get 1k", MapGet(1000), BareMapGet(1000), PEER(PeerSetFind(1000))},
-        {"StringMap_Get 100k", MapGet(100000), BareMapGet(100000), PEER(PeerSetFind(100000))},
-        {"StringMap_Get 1M", MapGet(1000000), BareMapGet(1000000), PEER(PeerSetFind(1000000))},
-        {"String append (16 pieces)", VoktAppend, BareAppend, PEER(PeerAppend)},
-        {"file Stream, lines of 1 MB", VoktFileLines, BareFileLines, PEER(PeerFileLines)},
-        {"descriptor Stream, lines of 1 MB", VoktHandleLines, BareHandleLines, Nothing()},
-        {"1000 detached threads", VoktThreads, BareThreads, PEER(PeerThreads)},
+        {"Mutex lock+unlock", LockUnlock(1), BareLockUnlock(1), PeerLockUnlock(1), PEER_NAME("GRecMutex", "recursive pthread mutex")},
+        {"Mutex twice (recursion)", LockUnlock(2), BareLockUnlock(2), PeerLockUnlock(2), PEER_NAME("GRecMutex", "recursive pthread mutex")},
+        {"Vector_GetAt", GetAt(false), BareGetAt(false), PEER(PeerGetAt(false)), PEER_NAME("GPtrArray", "")},
+        {"Vector_GetAt, synchronised", GetAt(true), BareGetAt(true), PEER(PeerGetAt(true)), PEER_NAME("GPtrArray + GRecMutex", "")},
+        {"64 x Vector_Add", VoktAdd64, BareAdd64, PEER(PeerAdd64), PEER_NAME("GPtrArray", "")},
+        {"ObjectSet_Find 1k", SetFind(1000), BareSetFind(1000), PEER(PeerSetFind(1000)), PEER_NAME("GHashTable", "")},
+        {"ObjectSet_Find 100k", SetFind(100000), BareSetFind(100000), PEER(PeerSetFind(100000)), PEER_NAME("GHashTable", "")},
+        {"ObjectSet_Find 1M", SetFind(1000000), BareSetFind(1000000), PEER(PeerSetFind(1000000)), PEER_NAME("GHashTable", "")},
+        {"ObjectSet_Add, filling 1k", SetFill(1000), BareSetFill(1000), PEER(PeerSetFill(1000, false)), PEER_NAME("GHashTable", "")},
+        {"ObjectSet_Add, filling 100k", SetFill(100000), BareSetFill(100000), PEER(PeerSetFill(100000, false)), PEER_NAME("GHashTable", "")},
+        {"ObjectSet_Add, filling 1M", SetFill(1000000), BareSetFill(1000000), PEER(PeerSetFill(1000000, false)), PEER_NAME("GHashTable", "")},
+        {"StringMap_Get 1k", MapGet(1000), BareMapGet(1000), PEER(PeerSetFind(1000)), PEER_NAME("GHashTable", "")},
+        {"StringMap_Get 100k", MapGet(100000), BareMapGet(100000), PEER(PeerSetFind(100000)), PEER_NAME("GHashTable", "")},
+        {"StringMap_Get 1M", MapGet(1000000), BareMapGet(1000000), PEER(PeerSetFind(1000000)), PEER_NAME("GHashTable", "")},
+        // Sorted insertion is quadratic: 1M keys would take minutes a run, so 10k is the middle row.
+        {"StringMap_Set, filling 1k", MapFill(1000), BareMapFill(1000), PEER(PeerSetFill(1000, true)), PEER_NAME("GHashTable, copies", "")},
+        {"StringMap_Set, filling 10k", MapFill(10000), BareMapFill(10000), PEER(PeerSetFill(10000, true)), PEER_NAME("GHashTable, copies", "")},
+        {"StringMap_Set, filling 100k", MapFill(100000), BareMapFill(100000), PEER(PeerSetFill(100000, true)), PEER_NAME("GHashTable, copies", "")},
+        {"String append (16 pieces)", VoktAppend, BareAppend, PEER(PeerAppend), PEER_NAME("GString", "")},
+        {"file Stream, a 1 MB file of short lines", VoktFileLines, BareFileLines, PeerFileLines, "getline"},
+        {"descriptor Stream, a 1 MB file of short lines", VoktHandleLines, BareHandleLines, PeerHandleLines, "fdopen + getline"},
+        {"1000 detached threads", VoktThreads, BareThreads, PEER(PeerThreads), PEER_NAME("GThread", "")},
     };
 #undef PEER
+#undef PEER_NAME
 }
 
 // Nanoseconds per iteration of every run, by name.
@@ -703,17 +772,20 @@ void WriteTables(const std::string &dir, const std::vector<Path> &paths, const s
         return found == ns.end() ? 0.0 : found->second;
     };
     std::ofstream csv(dir + "/ratios.csv"), dat(dir + "/ratios.dat");
-    std::string md = "| path | vokt ns | bare ns | peer ns | vokt / bare | vokt / peer |\n|---|---|---|---|---|---|\n";
-    csv << "path,vokt_ns,bare_ns,peer_ns,vokt_over_bare,vokt_over_peer\n";
+    std::string md = "| path | peer | vokt ns | bare ns | peer ns | vokt / bare | vokt / peer |\n"
+                     "|---|---|---|---|---|---|---|\n";
+    csv << "path,peer,vokt_ns,bare_ns,peer_ns,vokt_over_bare,vokt_over_peer\n";
     for (const auto &p : paths) {
         const double v = at(p.name + "/vokt"), b = at(p.name + "/bare"), q = at(p.name + "/peer");
         char line[256], peer[32] = "";
         if (q > 0) snprintf(peer, sizeof peer, "%.1f", q);
-        snprintf(line, sizeof line, "| %s | %.1f | %.1f | %s | %s | %s |\n", p.name.c_str(), v, b, peer,
-                 Ratio(v, b).c_str(), Ratio(v, q).c_str());
+        snprintf(line, sizeof line, "| %s | %s | %.1f | %.1f | %s | %s | %s |\n", p.name.c_str(), p.peerName.c_str(), v, b,
+                 peer, Ratio(v, b).c_str(), Ratio(v, q).c_str());
         md += line;
-        csv << '"' << p.name << "\"," << v << ',' << b << ',' << q << ',' << Ratio(v, b) << ',' << Ratio(v, q) << '\n';
-        dat << '"' << p.name << "\" " << (b > 0 ? v / b : 0) << ' ' << (q > 0 ? v / q : 0) << '\n';
+        csv << '"' << p.name << "\",\"" << p.peerName << "\"," << v << ',' << b << ',' << q << ',' << Ratio(v, b) << ','
+            << Ratio(v, q) << '\n';
+        const std::string label = p.peerName.empty() ? p.name : p.name + " (peer: " + p.peerName + ")";
+        dat << '"' << label << "\" " << (b > 0 ? v / b : 0) << ' ' << (q > 0 ? v / q : 0) << '\n';
     }
     md += "\n| container, 100k elements | heap bytes per element |\n|---|---|\n";
     csv << "\ncontainer,bytes_per_element\n";
@@ -727,11 +799,15 @@ void WriteTables(const std::string &dir, const std::vector<Path> &paths, const s
     printf("\n%s", md.c_str());
     printf("\nwritten: %s/ratios.md, %s/ratios.csv", dir.c_str(), dir.c_str());
     dat.close();
-    const std::string plot = "gnuplot -e \"set terminal png size 1100,640 noenhanced; set bmargin 12; set output '" + dir +
-                             "/ratios.png'; set style data histograms; set style fill solid; set xtics rotate by -35 "
-                             "scale 0; set ylabel 'time ratio'; set key top left; set grid ytics; plot '" + dir +
-                             "/ratios.dat' using 2:xtic(1) title 'vokt / bare', '' using 3 title 'vokt / peer', 1 notitle "
-                             "lc rgb 'black'\" 2>/dev/null";
+    // Ratios on a log scale (twice as slow and twice as fast look alike); labels slant down to
+    // the left of their bars, with margins wide and deep enough for the longest.
+    const std::string plot = "gnuplot -e \"set terminal png size 1500,900 noenhanced; set bmargin 24; set lmargin 44; "
+                             "set output '" + dir + "/ratios.png'; set title 'time of vokt against the bare algorithm "
+                             "and the peer (lower is better; 1 is parity)'; set style data histograms; "
+                             "set style fill solid; set xtics rotate by 40 right scale 0; set ylabel 'time ratio (log scale)'; "
+                             "set logscale y 2; set yrange [0.25:64]; "
+                             "set key top right; set grid ytics; plot '" + dir + "/ratios.dat' using 2:xtic(1) title "
+                             "'vokt / bare', '' using 3 title 'vokt / peer', 1 notitle lc rgb 'black'\" 2>/dev/null";
     if (system("command -v gnuplot >/dev/null 2>&1") == 0 && system(plot.c_str()) == 0) printf(", %s/ratios.png", dir.c_str());
     printf("\n");
 }
