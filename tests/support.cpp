@@ -162,16 +162,6 @@ bool InFreshProcess(const char *preload) {
     return false;
 }
 
-int SweepAllocations(const std::function<void(long n)> &op) {
-    for (long n = 1;; n++) {
-        FailAllocation(n);
-        op(n);
-        const bool injected = InjectedFailures() > 0;
-        FailAllocation(0);
-        if (!injected) return static_cast<int>(n);
-    }
-}
-
 bool WaitFor(const char *what, const std::function<bool()> &done, double seconds) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::duration<double>(seconds);
     while (!done()) {

@@ -37,10 +37,6 @@ bool WaitsForLock(Mutex *mutex, std::function<void()> op);
 // state: never forked, one thread only.
 bool InFreshProcess(const char *preload = nullptr);
 
-// Runs op(n) with the n-th allocation failing, for n = 1, 2, ... until op runs without
-// an injected failure; returns the number of runs.
-int SweepAllocations(const std::function<void(long n)> &op);
-
 // Polls done until it holds or seconds have passed; on time-out the test fails with a
 // message naming what it waited for.
 bool WaitFor(const char *what, const std::function<bool()> &done, double seconds = 5);
