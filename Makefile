@@ -5,13 +5,25 @@ MAKEFLAGS += --no-print-directory
 SHELL   := /bin/bash
 JOBS    ?= 2
 PREFIX  ?= /usr/local
-# DIRECT_LOCK=OFF builds without the direct lock (every lock through the C library), in
-# build folders of its own.
+# DIRECT_LOCK=OFF builds without the direct lock (every lock through the C library), and
+# COMPILER=clang with clang instead of GCC, each in build folders of its own.
 DIRECT_LOCK ?= ON
-SUFFIX  := $(if $(filter OFF,$(DIRECT_LOCK)),-nodirect,)
+COMPILER ?= gcc
+SUFFIX  := $(if $(filter OFF,$(DIRECT_LOCK)),-nodirect,)$(if $(filter clang,$(COMPILER)),-clang,)
 BUILD   := build$(SUFFIX)
 CMAKE_FLAGS ?=
 CONFIGURE = -DVOKT_WERROR=ON -DVOKT_DIRECT_LOCK=$(DIRECT_LOCK) $(CMAKE_FLAGS)
+ifeq ($(COMPILER),clang)
+export CC := clang
+export CXX := clang++
+endif
+# make cross ARCH=...: Debian's cross compilers, and qemu-user to run what they make.
+ARCH ?= s390x
+CROSS_PACKAGES_i386 := g++-i686-linux-gnu
+CROSS_PACKAGES_arm64 := g++-aarch64-linux-gnu qemu-user
+CROSS_PACKAGES_s390x := g++-s390x-linux-gnu qemu-user
+EMULATOR_arm64 := qemu-aarch64 -L /usr/aarch64-linux-gnu
+EMULATOR_s390x := qemu-s390x -L /usr/s390x-linux-gnu
 
 FUZZ_SECONDS ?= 30
 FUZZ_TARGETS := text stream containers codename version date
@@ -19,8 +31,8 @@ FUZZ_TARGETS := text stream containers codename version date
 COVERAGE_LINES ?= 95
 COVERAGE_BRANCHES ?= 85
 
-.PHONY: all configure deps build-deps test run sanitize tsan fuzz coverage lint docs abi-check abi-baseline package \
-  package-lint bench install libdir clean
+.PHONY: all configure deps build-deps test run sanitize tsan clang cross fuzz coverage lint docs abi-check \
+  abi-baseline package package-lint bench install libdir clean
 
 all: configure deps
 	@cmake --build $(BUILD) -j$(JOBS)
@@ -36,6 +48,7 @@ build-deps:
 	command -v cmake >/dev/null 2>&1 || missing="$$missing cmake"; \
 	command -v make >/dev/null 2>&1 || missing="$$missing make"; \
 	command -v pkg-config >/dev/null 2>&1 || missing="$$missing pkg-config"; \
+	[ "$(COMPILER)" != clang ] || command -v clang++ >/dev/null 2>&1 || missing="$$missing clang libclang-rt-14-dev"; \
 	echo 'int main(){}' | g++ -std=c++20 -x c++ -o /dev/null - >/dev/null 2>&1 || missing="$$missing g++"; \
 	[ -f /usr/include/valgrind/valgrind.h ] || missing="$$missing valgrind"; \
 	cmake/install-deps.sh $$missing
@@ -58,9 +71,24 @@ sanitize: deps
 	  ctest --test-dir build-asan$(SUFFIX) --output-on-failure -j$(JOBS)
 
 tsan: deps
-	@cmake -S . -B build-tsan -DCMAKE_BUILD_TYPE=Debug -DVOKT_SANITIZE=thread -DVOKT_BUILD_EXAMPLES=OFF $(CONFIGURE) >/dev/null
-	@cmake --build build-tsan -j$(JOBS)
-	@TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest --test-dir build-tsan --output-on-failure -j$(JOBS)
+	@cmake -S . -B build-tsan$(SUFFIX) -DCMAKE_BUILD_TYPE=Debug -DVOKT_SANITIZE=thread -DVOKT_BUILD_EXAMPLES=OFF $(CONFIGURE) >/dev/null
+	@cmake --build build-tsan$(SUFFIX) -j$(JOBS)
+	@TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 ctest --test-dir build-tsan$(SUFFIX) --output-on-failure -j$(JOBS)
+
+# The whole suite built by clang (make sanitize and make tsan take COMPILER=clang too).
+clang:
+	@$(MAKE) test COMPILER=clang
+
+# The library, the tests and the examples built for another machine by Debian's cross
+# compilers (ARCH=i386, arm64 or s390x, which is big-endian), GoogleTest built for it from
+# Debian's sources; the unit suite and the main example run under qemu-user (i386 natively).
+cross: build-deps
+	@cmake/install-deps.sh $(CROSS_PACKAGES_$(ARCH)) googletest
+	@cmake -S . -B build-$(ARCH) -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/$(ARCH).cmake \
+	  -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CONFIGURE) >/dev/null
+	@cmake --build build-$(ARCH) -j$(JOBS)
+	@ctest --test-dir build-$(ARCH) --output-on-failure -j$(JOBS)
+	@$(EMULATOR_$(ARCH)) build-$(ARCH)/examples/config_reader
 
 # Every fuzz target for FUZZ_SECONDS, starting from the checked-in seeds; new inputs are
 # kept under build-fuzz/, a crash, leak or model mismatch stops with its input saved there.
@@ -102,17 +130,21 @@ lint: deps
 	@cppcheck --enable=warning,performance,portability --std=c++20 --language=c++ -I . -I $(BUILD)/generated \
 	  --quiet --inline-suppr --error-exitcode=1 vokt/ && echo "cppcheck: clean"
 
-# The built library against the committed ABI baseline of its SONAME (abi/); additions
-# pass, anything else fails. abi-baseline records a new baseline, for a new SONAME.
-abi-check: all
+# The built library against the committed ABI baseline of its SONAME for its machine
+# (abi/<machine>/); additions pass, anything else fails. ABI=i386 or ABI=arm64 checks the
+# library that make cross ARCH=... built. abi-baseline records a new baseline, for a new
+# SONAME (or a machine that has none yet).
+ABI ?= $(shell uname -m)
+ABI_BUILD = $(if $(filter $(shell uname -m),$(ABI)),$(BUILD),build-$(ABI))
+abi-check: $(if $(filter $(shell uname -m),$(ABI)),all,)
 	@cmake/install-deps.sh abigail-tools
-	@abi/check.sh $(BUILD)/libvokt.so abi
+	@abi/check.sh $(ABI_BUILD)/libvokt.so abi/$(ABI)
 
-abi-baseline: all
+abi-baseline: $(if $(filter $(shell uname -m),$(ABI)),all,)
 	@cmake/install-deps.sh abigail-tools
-	@soname=$$(objdump -p $(BUILD)/libvokt.so | awk '$$1 == "SONAME" {print $$2}'); \
-	abidw --headers-dir vokt --headers-dir $(BUILD)/generated/vokt --no-corpus-path --no-show-locs \
-	  --out-file abi/$$soname.abi $(BUILD)/libvokt.so && echo "wrote abi/$$soname.abi"
+	@mkdir -p abi/$(ABI); soname=$$(readelf -d $(ABI_BUILD)/libvokt.so | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p'); \
+	abidw --headers-dir vokt --headers-dir $(ABI_BUILD)/generated/vokt --no-corpus-path --no-show-locs \
+	  --out-file abi/$(ABI)/$$soname.abi $(ABI_BUILD)/libvokt.so && echo "wrote abi/$(ABI)/$$soname.abi"
 
 # Each hot path run as vokt, as the bare algorithm and as the peer, side by side; the table
 # of ratios goes to $(BUILD)/bench/ratios.md and .csv, the chart to ratios.png.
@@ -148,4 +180,4 @@ libdir: configure
 	@sed -n 's/^CMAKE_INSTALL_LIBDIR:PATH=//p' $(BUILD)/CMakeCache.txt
 
 clean:
-	@rm -rf build build-nodirect build-release build-asan build-asan-nodirect build-tsan build-fuzz build-cov
+	@rm -rf build build-* 

@@ -6,7 +6,7 @@
 # baseline are moved on together ('make abi-baseline', then commit abi/).
 set -u
 lib="$1"; baseline_dir="$2"
-soname=$(objdump -p "$lib" | awk '$1 == "SONAME" {print $2}')
+soname=$(readelf -d "$lib" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')  # readelf reads any machine's ELF
 baseline="$baseline_dir/$soname.abi"
 if [ ! -f "$baseline" ]; then
   echo "no ABI baseline for $soname: run 'make abi-baseline' and commit $baseline"

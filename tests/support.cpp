@@ -141,17 +141,26 @@ bool WaitsForLock(Mutex *mutex, std::function<void()> op) {
     return WaitFor("the operation to finish once the lock was released", [&] { return done.load(); }) && waited;
 }
 
-bool InFreshProcess(const char *preload) {
+bool InFreshProcess() {
     if (getenv("VOKT_TEST_FRESH")) return true;
     const auto *info = ::testing::UnitTest::GetInstance()->current_test_info();
     const std::string filter = std::string("--gtest_filter=") + info->test_suite_name() + "." + info->name();
+    char self[4096] = "";
+    const ssize_t length = readlink("/proc/self/exe", self, sizeof self - 1);
+    if (length > 0) self[length] = '\0';
+    // A cross build's tests run under an emulator, which must start the new run too.
+    const char *emulator = getenv("VOKT_TEST_EMULATOR");
+    const bool emulated = emulator && emulator[0] != '\0';
+    const std::string command = std::string(emulated ? emulator : "") + " '" + self + "' " + filter;
     fflush(stdout);
     fflush(stderr);
     const pid_t pid = fork();
     if (pid == 0) {
         setenv("VOKT_TEST_FRESH", "1", 1);
-        if (preload) setenv("LD_PRELOAD", preload, 1);
-        execl("/proc/self/exe", "vokt_tests", filter.c_str(), nullptr);
+        if (emulated)
+            execl("/bin/sh", "sh", "-c", command.c_str(), nullptr);
+        else
+            execl(self, "vokt_tests", filter.c_str(), nullptr);
         _exit(127);
     }
     int status = 0;

@@ -32,10 +32,9 @@ bool Finishes(const char *what, std::function<void()> body);
 bool WaitsForLock(Mutex *mutex, std::function<void()> op);
 
 // True inside a new run of this program made for the current test alone; in the original
-// process it starts that run (with LD_PRELOAD set to preload when one is given), expects it
-// to pass within a minute, and returns false. For tests that need a process in its first
-// state: never forked, one thread only.
-bool InFreshProcess(const char *preload = nullptr);
+// process it starts that run, expects it to pass within a minute, and returns false. For
+// tests that need a process in its first state: never forked, one thread only.
+bool InFreshProcess();
 
 // Polls done until it holds or seconds have passed; on time-out the test fails with a
 // message naming what it waited for.

@@ -83,7 +83,11 @@ TEST(String, EditingAndWrapping) {
         {"one   two", 5, 5, nullptr, "one\r\ntwo"},  // trailing spaces dropped
     };
     for (auto [text, first, width, indent, expected] : wraps)
-        EXPECT_EQ(After(text, [&](String *s) { return String_WrapEx(s, first, width, indent); }), expected) << text;
+        EXPECT_EQ(After(text, [first = first, width = width, indent = indent](String *s) {
+                      return String_WrapEx(s, first, width, indent);
+                  }),
+                  expected)
+            << text;
 }
 
 TEST(String, SplittingJoiningAndPaths) {
@@ -191,8 +195,11 @@ TEST(String, TextInsideTheTargetIsReadBeforeItChanges) {
 TEST(String, NeverGrowsPastWhatItsLengthReports) {
     String *s = String_NewFromChars("abc");
     s->length = 2147483646u;  // pretend: only the tail end of the text is ever touched
-    EXPECT_EQ(String_AppendChar(s, 'y'), 0);
-    EXPECT_EQ(String_Length(s), 2147483647);
+    if (sizeof(void *) == 8) {  // a 2 GiB block cannot be had in 32 bits of address space
+        EXPECT_EQ(String_AppendChar(s, 'y'), 0);
+        EXPECT_EQ(String_Length(s), 2147483647);
+    }
+    s->length = 2147483647u;
     EXPECT_EQ(String_AppendChar(s, 'z'), -2);
     EXPECT_EQ(String_Length(s), 2147483647) << "a failed AppendChar changes nothing";
     EXPECT_EQ(String_AppendChars(s, "z"), -2);

@@ -243,7 +243,7 @@ int32_t Log_WriteV(int32_t level, const char *format, va_list args) {
     static char kBadFormat[] = "UNEXPECTED ERROR WHEN FORMATTING LINE FOR LOGFILE\n";
     static char kNewline[] = "\n";
     if (code == 0) {
-        const iovec line[3] = {{prefix, strlen(prefix)}, {message->string, message->length}, {kNewline, 1}};
+        const iovec line[3] = {{prefix, strlen(prefix)}, {message->string, static_cast<size_t>(message->length)}, {kNewline, 1}};
         AppendToFile(line, 3);
     } else {
         char *text = code == -2 ? kNoMemory : kBadFormat;

@@ -19,7 +19,9 @@ extern "C" {
 
 /** Writes a time's local date as day, month name and year ("5-jan-2024").
  * @param out Receives the date (replaced).
- * @param t Seconds since the epoch; the year is counted in 64 bits.
+ * @param t Seconds since the epoch, as far as this machine's time_t reaches (a 32-bit time_t,
+ *        as some 32-bit machines have, spans 13 December 1901 to 19 January 2038); the year
+ *        is counted in 64 bits.
  * @return 0; -2 when memory ran out; or an error reference ("invalid time supplied: <t>",
  *         out unchanged) when t has no local date: the caller takes and frees that Error. */
 VOKT_API int32_t Date_Format(String *out, time_t t);
