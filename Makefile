@@ -84,9 +84,9 @@ clang:
 # Debian's sources; the unit suite and the main example run under qemu-user (i386 natively).
 cross: build-deps
 	@cmake/install-deps.sh $(CROSS_PACKAGES_$(ARCH)) googletest
-	@cmake -S . -B build-$(ARCH) -DCMAKE_TOOLCHAIN_FILE=cmake/toolchains/$(ARCH).cmake \
+	@VOKT_CROSS=$(ARCH) cmake -S . -B build-$(ARCH) -DCMAKE_TOOLCHAIN_FILE=cmake/cross.cmake \
 	  -DCMAKE_BUILD_TYPE=RelWithDebInfo $(CONFIGURE) >/dev/null
-	@cmake --build build-$(ARCH) -j$(JOBS)
+	@VOKT_CROSS=$(ARCH) cmake --build build-$(ARCH) -j$(JOBS)
 	@ctest --test-dir build-$(ARCH) --output-on-failure -j$(JOBS)
 	@$(EMULATOR_$(ARCH)) build-$(ARCH)/examples/config_reader
 
