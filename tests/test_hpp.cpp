@@ -26,8 +26,6 @@ TEST(Hpp, OwnsLocksAndChecks) {
         EXPECT_EQ(m.spinCount, 2);
     }
     EXPECT_EQ(m.spinCount, 0);
-    EXPECT_TRUE(vokt::Ok(0));
-    EXPECT_FALSE(vokt::Ok(-1));
     EXPECT_EQ(0, test::InChild([] {
         EXPECT_EQ(vokt::TakeError(-1), nullptr);
         EXPECT_NE(vokt::TakeError(Month_FromName("nope")), nullptr);  // taken, and freed here
