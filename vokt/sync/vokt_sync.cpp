@@ -246,7 +246,9 @@ bool Grow(int chunks) {
     if (!chunk) return false;
     memset(chunk, 0, bytes);
     Slot *none = nullptr;
-    if (!__atomic_compare_exchange_n(&g_chunks[chunks], &none, chunk, false, __ATOMIC_RELEASE, __ATOMIC_RELAXED))
+    // Losing the race acquires the winner's chunk, so that the count published below
+    // publishes that chunk too.
+    if (!__atomic_compare_exchange_n(&g_chunks[chunks], &none, chunk, false, __ATOMIC_RELEASE, __ATOMIC_ACQUIRE))
         vokt::Free(chunk);
     int count = chunks;
     __atomic_compare_exchange_n(&g_chunkCount, &count, chunks + 1, false, __ATOMIC_RELEASE, __ATOMIC_RELAXED);
