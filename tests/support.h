@@ -5,6 +5,7 @@
 #include <functional>
 #include <string>
 
+#include "vokt/diag/checks.h"
 #include "vokt/sync/vokt_sync.h"
 
 namespace test {
@@ -39,6 +40,19 @@ bool InFreshProcess();
 // Polls done until it holds or seconds have passed; on time-out the test fails with a
 // message naming what it waited for.
 bool WaitFor(const char *what, const std::function<bool()> &done, double seconds = 5);
+
+// Switches the library's checks (all but keep) off while it lives: for a test that makes a
+// caller's mistake on purpose, or counts blocks that the objects check would hold back.
+class ChecksOff {
+public:
+    explicit ChecksOff(uint32_t keep = 0) : was_(Runtime_GetChecks()) { Runtime_SetChecks(was_ & keep); }
+    ~ChecksOff() { Runtime_SetChecks(was_); }
+    ChecksOff(const ChecksOff &) = delete;
+    ChecksOff &operator=(const ChecksOff &) = delete;
+
+private:
+    uint32_t was_;
+};
 
 std::string ReadFile(const std::string &path);
 void WriteFile(const std::string &path, const std::string &text);

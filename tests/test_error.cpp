@@ -149,6 +149,7 @@ TEST(Error, StoreIsSharedSafelyBetweenThreads) {
         for (auto &t : threads) Thread_CreateJoinable(&t, RegisterAndTake, nullptr);
         for (auto &t : threads) Thread_Join(t);
         EXPECT_EQ(Register("after"), 0x40000001);  // everything was taken: the store started again
+        Drop(0x40000001);
     }));
 }
 

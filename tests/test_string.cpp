@@ -110,7 +110,8 @@ TEST(String, SplittingJoiningAndPaths) {
     EXPECT_EQ(pieces(String_SplitChars("a::b:", ':', v)), "[a||b|]");
     EXPECT_EQ(String_SplitChars("", ':', v), 0);
     EXPECT_EQ(Vector_Length(v), 1);  // one empty piece
-    EXPECT_EQ(0, test::InChild([&] {
+    EXPECT_EQ(0, test::InChild([] {
+        String *s = String_New();
         mkdir("etc", 0755);
         test::WriteFile("etc/x.conf", "");
         for (auto [base, expected] : {std::pair{"etc/x.conf", "etc/b.txt"}, {"etc", "etc/b.txt"}, {"etc/", "etc/b.txt"},
@@ -120,6 +121,7 @@ TEST(String, SplittingJoiningAndPaths) {
         }
         EXPECT_EQ(String_ResolvePath(s, "/abs/b.txt", "etc"), 0);
         EXPECT_EQ(Text(s), "/abs/b.txt");
+        String_Destroy(s);
     }));
     for (String *x : {s, l, r}) String_Destroy(x);
     Vector_Free(v);

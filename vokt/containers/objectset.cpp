@@ -209,6 +209,7 @@ void ObjectSet_Clear(ObjectSet *set) {
 
 void ObjectSet_Free(ObjectSet *oset) {
     VOKT_ASSERT_OR_RETURN(oset != NULL);
+    if (vokt::IsDestroyed(oset)) return;  // destroyed before: reported, nothing released
     ObjectSet_Clear(oset);
     vokt::Free(oset->buckets);
     vokt::Free(oset);

@@ -52,6 +52,7 @@ StringBag *StringBag_New(void) {
 
 void StringBag_Free(StringBag *bag) {
     VOKT_ASSERT_OR_RETURN(bag != NULL);
+    if (vokt::IsDestroyed(bag)) return;  // destroyed before: reported, nothing released
     Object_Destroy(bag->elements);
     vokt::Free(bag);
 }

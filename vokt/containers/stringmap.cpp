@@ -89,6 +89,7 @@ StringMap *StringMap_New(void) {
 
 void StringMap_Free(StringMap *map) {
     VOKT_ASSERT_OR_RETURN(map != NULL);
+    if (vokt::IsDestroyed(map)) return;  // destroyed before: reported, nothing released
     FreeEntries(map);
     vokt::Free(map->entries);
     vokt::Free(map);

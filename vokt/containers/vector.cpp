@@ -276,6 +276,7 @@ void Vector_SetOwnsElements(Vector *v, int32_t flag) {
 
 void Vector_Free(Vector *v) {
     VOKT_ASSERT_OR_RETURN(v != NULL);
+    if (vokt::IsDestroyed(v)) return;  // destroyed before: reported, nothing released
     VOKT_ASSERT(v->size==0 || v->data != NULL);
     Vector_Clear(v);
     FreeSlots(v->data);

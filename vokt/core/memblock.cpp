@@ -41,6 +41,7 @@ int32_t MemBlock_Resize(MemBlock *mem, size_t size) {
 
 void MemBlock_Free(MemBlock *mem) {
     VOKT_ASSERT_OR_RETURN(mem!=NULL);
+    if (vokt::IsDestroyed(mem)) return;  // destroyed before: reported, nothing released
     vokt::Free(mem->data);
     vokt::Free(mem);
 }

@@ -15,6 +15,8 @@ using vokt::g_memory;
 extern "C" {
 
 void Memory_SetFunctions(const MemoryFunctions *functions) {
+    // Objects held back after their destruction go to the allocator that made them.
+    if (vokt::Checking(vokt::kRecorded)) vokt::ReleaseQuarantined();
     if (functions && functions->Malloc && functions->Realloc && functions->Free)
         g_memory = *functions;
     else

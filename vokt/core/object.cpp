@@ -47,7 +47,7 @@ void StartUp() {
 namespace vokt {
 
 void *NewObject(const ClassDescriptor *cls, const char *what) {
-    void *object = Alloc(cls->size);
+    void *object = Checking(kCheckLeaks | kCheckObjects) ? RecordedAlloc(cls->size, cls) : g_memory.Malloc(cls->size);
     if (!object) {
         Log_Write(0, "Unable to allocate %s", what);
         return nullptr;

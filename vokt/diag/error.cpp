@@ -259,6 +259,7 @@ Error *Error_NewNetwork(int32_t number, const char *operation) {
 }
 
 void Error_Free(Error *e) {
+    if (vokt::IsDestroyed(e)) return;  // destroyed before: reported, nothing released
     if (!e || e->bStatic) return;
     Object_Destroy(e->message);
     Object_Destroy(e->detail);
@@ -268,6 +269,7 @@ void Error_Free(Error *e) {
 int32_t ErrorStore_Register(Error *e) {
     if (!e || e->bStatic) return -2;
     Vector *spare = nullptr;
+    vokt::KeptForProcess kept;  // the store's table lives as long as the process
     Placement placed = Place(e, spare);
     if (placed.needStore) {
         // The store is made outside the lock: a failure here is logged, and the log must

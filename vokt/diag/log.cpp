@@ -17,6 +17,7 @@
 #include "vokt/diag/error.h"
 #include "vokt/internal/alloc.h"
 #include "vokt/internal/check.h"
+#include "vokt/internal/checks.h"
 #include "vokt/internal/fork.h"
 #include "vokt/internal/scope.h"
 #include "vokt/sync/vokt_sync.h"
@@ -170,12 +171,15 @@ void Echo(FILE *stream, const char *prefix, const String *message, int32_t code)
 void ForkPrepare() {
     Mutex_Lock(&g_mutex);
     vokt::ErrorStoreForkPrepare();
+    vokt::ChecksForkPrepare();
 }
 void ForkParent() {
+    vokt::ChecksForkRelease();
     vokt::ErrorStoreForkRelease();
     Mutex_Unlock(&g_mutex);
 }
 void ForkChild() {
+    vokt::ChecksForkRelease();
     vokt::ThreadRegistryForkChild();
     vokt::ErrorStoreForkRelease();
     Mutex_Unlock(&g_mutex);
@@ -272,6 +276,7 @@ int32_t Log_SetFile(const char *path) {
         g_logPath = nullptr;
         return 0;
     }
+    vokt::KeptForProcess kept;  // the log's own state, never reported as a leak
     if (!g_logPath) g_logPath = String_New();
     const int32_t code = g_logPath ? String_Set(g_logPath, path) : -2;
     if (code != 0) {

@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include "vokt/core/object.h"
+#include "vokt/internal/checks.h"
 
 namespace vokt {
 
@@ -14,6 +15,7 @@ namespace vokt {
 // is the first word, so objects of two classes never match anyway, and a smaller stored
 // object is never read past its end.
 inline bool Matches(const Object *probe, const Object *stored) {
+    if (IsDestroyed(stored)) return false;
     const ClassDescriptor *cls = probe->ftbl;
     if (cls->Equals) return cls->Equals(probe, stored) != 0;
     return stored && stored->ftbl == cls && memcmp(probe, stored, cls->size) == 0;

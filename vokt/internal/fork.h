@@ -7,6 +7,9 @@
 namespace vokt {
 void ErrorStoreForkPrepare();
 void ErrorStoreForkRelease();
+// The diagnostics' own locks, taken last.
+void ChecksForkPrepare();
+void ChecksForkRelease();
 // In the child, the threads that did not come along are forgotten.
 void ThreadRegistryForkChild();
 }  // namespace vokt

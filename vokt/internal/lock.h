@@ -8,6 +8,7 @@
 #include <pthread.h>
 #include <sys/types.h>
 
+#include "vokt/internal/checks.h"
 #include "vokt/sync/vokt_sync.h"
 
 // The try step on a default POSIX mutex is done here instead of through the C library's
@@ -63,6 +64,9 @@ extern const bool g_directLock;
 void LockGeneral(Mutex *m);
 void Block(Mutex *m, pthread_t self);
 void ReleaseReported(Mutex *m);  // the report for a free mutex, then Release
+// Mutex_Lock and Mutex_Unlock with the `locks` check on.
+void LockWatched(Mutex *m);
+void UnlockWatched(Mutex *m);
 
 // The owner is read without the lock by other threads; relaxed atomics keep the race
 // checker informed without changing the generated moves.
@@ -110,6 +114,7 @@ inline void DirectUnlock(pthread_mutex_t *mutex) {
 // thread's identifiers are known.
 [[gnu::always_inline]] inline void Lock(Mutex *m) {
     if (!m) return;
+    if (Checking(kCheckLocks)) return LockWatched(m);
 #ifdef VOKT_DIRECT_LOCK
     const Identity id = t_identity;
     if (id.tid != 0 && DefaultKind(&m->mutex)) {  // a known kernel identifier: g_directLock holds
@@ -133,10 +138,14 @@ inline void DirectUnlock(pthread_mutex_t *mutex) {
 
 // Mutex_Unlock. An unlock of a free mutex is reported, leaves the depth at -1 and releases
 // nothing; clamping it would hide the caller's mistake.
-[[gnu::always_inline]] inline void Unlock(Mutex *m) {
-    if (!m) return;
+[[gnu::always_inline]] inline void UnlockUnwatched(Mutex *m) {
     if (m->spinCount <= 0) return ReleaseReported(m);
     Release(m);
+}
+[[gnu::always_inline]] inline void Unlock(Mutex *m) {
+    if (!m) return;
+    if (Checking(kCheckLocks)) return UnlockWatched(m);
+    UnlockUnwatched(m);
 }
 
 }  // namespace vokt

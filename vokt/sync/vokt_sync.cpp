@@ -135,6 +135,7 @@ void DestroySignal(Signal *s) {
 
 // One wait on an auto-reset condition; with a deadline when one is given.
 int32_t WaitCondition(Condition *c, const timespec *deadline) {
+    if (vokt::Checking(vokt::kCheckLocks)) vokt::WaitEntered("Condition");
     pthread_mutex_lock(&c->mutex.mutex);
     int32_t result = 1;
     if (c->bSignalled != 1) {
@@ -149,6 +150,7 @@ int32_t WaitCondition(Condition *c, const timespec *deadline) {
 
 // Waits until a manual-reset event is set; the flag is left for every other waiter.
 int32_t WaitEvent(Event *e, const timespec *deadline) {
+    if (vokt::Checking(vokt::kCheckLocks)) vokt::WaitEntered("Event");
     pthread_mutex_lock(&e->mutex.mutex);
     while (e->bSignalled == 0) {
         const int rc = deadline ? pthread_cond_timedwait(&e->condition, &e->mutex.mutex, deadline)
@@ -242,6 +244,7 @@ bool Claim(Slot *slot, uint32_t taken) {
 bool Grow(int chunks) {
     if (chunks == kMaxChunks) return false;
     const size_t bytes = (sizeof(Slot) * kFirstChunk) << chunks;
+    vokt::KeptForProcess kept;  // the slots are kept for the life of the process
     auto *chunk = static_cast<Slot *>(vokt::Alloc(bytes));
     if (!chunk) return false;
     memset(chunk, 0, bytes);
@@ -376,6 +379,16 @@ const bool g_directLock = false;
     Release(m);
 }
 
+[[gnu::noinline]] void LockWatched(Mutex *m) {
+    LockGeneral(m);
+    LockTaken(m);
+}
+
+[[gnu::noinline]] void UnlockWatched(Mutex *m) {
+    UnlockSeen(m);
+    UnlockUnwatched(m);
+}
+
 }  // namespace vokt
 
 extern "C" {
@@ -388,6 +401,7 @@ void Mutex_Init(Mutex *m) {
     if (pthread_mutex_init(&m->mutex, &attributes) != 0) fputs("Could not create mutex\n", stderr);
     StoreOwner(m, 0);
     m->spinCount = 0;
+    if (vokt::Checking(vokt::kCheckLocks)) vokt::MutexMade(m);
 }
 
 void Mutex_Lock(Mutex *m) { vokt::Lock(m); }

@@ -174,6 +174,7 @@ Stream *Stream_NewFromHandle(int32_t fd) {
 
 void Stream_Destroy(Stream *stream) {
     VOKT_ASSERT_OR_RETURN(stream != NULL);
+    if (vokt::IsDestroyed(stream)) return;  // destroyed before: reported, nothing released
     // The file or descriptor belongs to the caller and is never closed here.
     if (stream->type == STRING_STREAM) Object_Destroy(stream->string);
     Object_Destroy(stream->lastLine);

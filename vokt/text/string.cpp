@@ -198,6 +198,7 @@ String *String_Substring(const String *s, int32_t start, int32_t count) {
 }
 
 void String_Destroy(String *ps) {
+    if (vokt::IsDestroyed(ps)) return;  // destroyed before: reported, nothing released
     if (!Usable(ps)) return;
     // Also releases the text kept by a failed append, which reads as unset.
     vokt::Free(ps->string);

@@ -1,0 +1,271 @@
+// SPDX-License-Identifier: MIT
+// The `locks` check: the order in which threads take vokt Mutexes, kept as a graph whose
+// nodes are Mutexes and whose edges say "taken while holding". A new edge that closes a
+// cycle is an inversion that can deadlock, reported even when this run did not; so are an
+// unlock by a thread that does not hold the Mutex, a thread that ends holding one, and a
+// wait entered while holding one.
+#include <pthread.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "vokt/internal/checks.h"
+#include "vokt/internal/lock.h"
+
+namespace {
+
+using vokt::SpinGuard;
+using vokt::SpinLock;
+
+constexpr char kPrefix[] = "vokt: ";
+
+// Mutexes by address: read without a lock, entries published by their address last. A
+// Mutex initialised again gets a new node.
+constexpr uint32_t kNodeSlots = 1u << 20;
+struct NodeSlot {
+    uintptr_t mutex;
+    uint32_t node;
+};
+NodeSlot *g_nodeSlots = nullptr;
+uint32_t g_nodeCount = 0;  // node 0 is none
+
+// Edges "from before to": found without a lock, added under g_graphLock with the cycle search.
+constexpr uint32_t kEdgeSlots = 1u << 18;
+struct Edge {
+    uint64_t key;  // from << 32 | to; 0: empty
+    uint32_t fromSite, toSite;
+    uint32_t thread;
+    uint32_t next;  // the next edge out of the same node (an index into g_edges), 0 for none
+};
+Edge *g_edges = nullptr;
+uint32_t *g_firstEdge = nullptr;  // by node
+uint32_t *g_visited = nullptr;    // by node: the search that last passed it
+uint32_t g_search = 0;
+uint32_t g_edgeCount = 0;
+SpinLock g_graphLock;
+SpinLock g_nodeLock;
+
+using vokt::Taken;
+constexpr int kHeld = 32;  // the Mutexes a thread holds, in the order taken (more are counted)
+
+enum : uint32_t { kInversion = 3, kForeignUnlock = 4, kEndedHolding = 5, kHoldAndWait = 6 };
+
+uint32_t Mix(uint64_t key) {
+    key ^= key >> 31;
+    key *= 0x9E3779B97F4A7C15ull;
+    key ^= key >> 29;
+    return static_cast<uint32_t>(key);
+}
+
+bool Ready() {
+    static bool ready = false;
+    static SpinLock once;
+    if (__atomic_load_n(&ready, __ATOMIC_ACQUIRE)) return true;
+    SpinGuard guard(once);
+    if (ready) return true;
+    g_nodeSlots = static_cast<NodeSlot *>(vokt::MapZeroed(kNodeSlots * sizeof(NodeSlot)));
+    g_edges = static_cast<Edge *>(vokt::MapZeroed(kEdgeSlots * sizeof(Edge)));
+    g_firstEdge = static_cast<uint32_t *>(vokt::MapZeroed(kNodeSlots * sizeof(uint32_t)));
+    g_visited = static_cast<uint32_t *>(vokt::MapZeroed(kNodeSlots * sizeof(uint32_t)));
+    if (!g_nodeSlots || !g_edges || !g_firstEdge || !g_visited) return false;
+    __atomic_store_n(&ready, true, __ATOMIC_RELEASE);
+    return true;
+}
+
+// The node of a Mutex; a new one when fresh (a Mutex seen for the first time, or made again).
+// 0 when the table is full: that Mutex then takes no part.
+uint32_t NodeOf(Mutex *m, bool fresh) {
+    const auto key = reinterpret_cast<uintptr_t>(m);
+    const uint32_t mask = kNodeSlots - 1;
+    uint32_t i = Mix(key) & mask;
+    if (!fresh) {
+        for (;; i = (i + 1) & mask) {
+            const uintptr_t at = __atomic_load_n(&g_nodeSlots[i].mutex, __ATOMIC_ACQUIRE);
+            if (at == key) return __atomic_load_n(&g_nodeSlots[i].node, __ATOMIC_RELAXED);
+            if (at == 0) break;
+        }
+    }
+    SpinGuard guard(g_nodeLock);
+    if (g_nodeCount + 1 >= kNodeSlots / 4 * 3) return 0;
+    const uint32_t node = ++g_nodeCount;
+    for (i = Mix(key) & mask;; i = (i + 1) & mask) {
+        const uintptr_t at = __atomic_load_n(&g_nodeSlots[i].mutex, __ATOMIC_RELAXED);
+        if (at == key || at == 0) {
+            __atomic_store_n(&g_nodeSlots[i].node, node, __ATOMIC_RELAXED);
+            __atomic_store_n(&g_nodeSlots[i].mutex, key, __ATOMIC_RELEASE);
+            return node;
+        }
+    }
+}
+
+uint64_t EdgeKey(uint32_t from, uint32_t to) { return static_cast<uint64_t>(from) << 32 | to; }
+
+const Edge *FindEdge(uint64_t key) {
+    const uint32_t mask = kEdgeSlots - 1;
+    for (uint32_t i = Mix(key) & mask;; i = (i + 1) & mask) {
+        const uint64_t at = __atomic_load_n(&g_edges[i].key, __ATOMIC_ACQUIRE);
+        if (at == key) return &g_edges[i];
+        if (at == 0) return nullptr;
+    }
+}
+
+// A path from `from` to `to` along the edges, as the first edge of it; null when none.
+const Edge *PathLocked(uint32_t from, uint32_t to) {
+    const uint32_t search = ++g_search;
+    uint32_t stack[256];
+    const Edge *firstOf[256];
+    int depth = 0;
+    stack[depth] = from;
+    firstOf[depth++] = nullptr;
+    g_visited[from] = search;
+    while (depth > 0) {
+        const uint32_t node = stack[--depth];
+        const Edge *first = firstOf[depth];
+        for (uint32_t e = g_firstEdge[node]; e; e = g_edges[e].next) {
+            const Edge &edge = g_edges[e];
+            const auto next = static_cast<uint32_t>(edge.key);
+            const Edge *start = first ? first : &edge;
+            if (next == to) return start;
+            if (g_visited[next] == search || depth == 256) continue;
+            g_visited[next] = search;
+            stack[depth] = next;
+            firstOf[depth++] = start;
+        }
+    }
+    return nullptr;
+}
+
+void ReportInversion(const Taken &before, Mutex *after, uint32_t afterSite, const Edge &opposite) {
+    if (!vokt::FirstTime(kInversion, before.site, afterSite)) return;
+    char a[4096], b[4096], c[4096], d[4096], line[17000];
+    vokt::FormatSite(before.site, a, sizeof a);
+    vokt::FormatSite(afterSite, b, sizeof b);
+    vokt::FormatSite(opposite.fromSite, c, sizeof c);
+    vokt::FormatSite(opposite.toSite, d, sizeof d);
+    snprintf(line, sizeof line,
+             "%slock order inversion: Mutex %p then Mutex %p in thread %u, locked at %s, then at %s; "
+             "the opposite order was taken in thread %u, locked at %s, then at %s",
+             kPrefix, static_cast<void *>(before.mutex), static_cast<void *>(after), vokt::ThreadNumber(), a, b,
+             opposite.thread, c, d);
+    vokt::Report(line);
+}
+
+// Records "before, then after"; an edge that closes a cycle is reported.
+void Order(const Taken &before, Mutex *after, uint32_t node, uint32_t site) {
+    const uint64_t key = EdgeKey(before.node, node);
+    if (FindEdge(key)) return;
+    Edge opposite{};
+    bool cycle = false;
+    {
+        SpinGuard guard(g_graphLock);
+        if (FindEdge(key)) return;
+        if (g_edgeCount + 1 >= kEdgeSlots / 4 * 3) return;
+        const Edge *path = PathLocked(node, before.node);
+        if (path) opposite = *path, cycle = true;
+        const uint32_t mask = kEdgeSlots - 1;
+        uint32_t i = Mix(key) & mask;
+        while (g_edges[i].key != 0 || i == 0) i = (i + 1) & mask;
+        Edge &edge = g_edges[i];
+        edge.fromSite = before.site;
+        edge.toSite = site;
+        edge.thread = vokt::ThreadNumber();
+        edge.next = g_firstEdge[before.node];
+        g_firstEdge[before.node] = i;
+        g_edgeCount++;
+        __atomic_store_n(&edge.key, key, __ATOMIC_RELEASE);
+    }
+    if (cycle) ReportInversion(before, after, site, opposite);
+}
+
+}  // namespace
+
+namespace vokt {
+
+void LocksAtThreadEnd(CheckThread *me) {
+    for (int i = 0; i < me->heldCount && i < kHeld; i++) {
+        const Taken &held = me->held[i];
+        if (!FirstTime(kEndedHolding, held.site, 0)) continue;
+        char locked[4096], line[4400];
+        FormatSite(held.site, locked, sizeof locked);
+        snprintf(line, sizeof line, "%sthread %u ended holding Mutex %p, locked at %s", kPrefix, me->number ? me->number : ThreadNumber(),
+                 static_cast<void *>(held.mutex), locked);
+        Report(line);
+    }
+    me->heldCount = 0;
+}
+
+void LockTaken(Mutex *m) {
+    CheckThread *me = Me();
+    if (!me || me->reporting || !Ready()) return;
+    Taken *t_held = me->held;
+    int &t_heldCount = me->heldCount;
+    for (int i = t_heldCount < kHeld ? t_heldCount : kHeld; i-- > 0;)
+        if (t_held[i].mutex == m) {  // a deeper hold: no new order
+            t_held[i].depth++;
+            return;
+        }
+    const uint32_t node = NodeOf(m, false);
+    if (node == 0) return;
+    const uint32_t site = CaptureSite();
+    for (int i = 0; i < t_heldCount && i < kHeld; i++) Order(t_held[i], m, node, site);
+    if (t_heldCount < kHeld) t_held[t_heldCount] = Taken{m, node, site, 1};
+    t_heldCount++;
+}
+
+void UnlockSeen(Mutex *m) {
+    CheckThread *me = Me();
+    if (!me || me->reporting || !Ready()) return;
+    Taken *t_held = me->held;
+    int &t_heldCount = me->heldCount;
+    const int top = t_heldCount < kHeld ? t_heldCount : kHeld;
+    for (int i = top; i-- > 0;) {
+        if (t_held[i].mutex != m) continue;
+        if (--t_held[i].depth == 0) {
+            for (int j = i + 1; j < top; j++) t_held[j - 1] = t_held[j];  // most often none: the last taken goes first
+            t_heldCount--;
+        }
+        return;
+    }
+    if (t_heldCount > kHeld) {  // held beyond what the stack keeps: trust the count
+        t_heldCount--;
+        return;
+    }
+    // Not held here: by another thread, by nobody, or taken before the check was on. The
+    // Mutex's own owner tells which.
+    if (LoadOwner(m) == pthread_self()) return;
+    const uint32_t site = CaptureSite();
+    if (!FirstTime(kForeignUnlock, site, 0)) return;
+    char here[4096], line[4400];
+    FormatSite(site, here, sizeof here);
+    snprintf(line, sizeof line, "%sMutex %p unlocked by a thread that does not hold it, at %s", kPrefix,
+             static_cast<void *>(m), here);
+    Report(line);
+}
+
+void MutexMade(Mutex *m) {
+    if (Ready()) NodeOf(m, true);
+}
+
+void WaitEntered(const char *what) {
+    const CheckThread *me = Me();
+    if (!me || me->reporting || me->heldCount == 0 || !Ready()) return;
+    const Taken &held = me->held[0];
+    const uint32_t site = CaptureSite();
+    if (!FirstTime(kHoldAndWait, site, held.site)) return;
+    char here[4096], locked[4096], line[8600];
+    FormatSite(site, here, sizeof here);
+    FormatSite(held.site, locked, sizeof locked);
+    snprintf(line, sizeof line, "%swait on %s %s at %s while holding Mutex %p, locked at %s", kPrefix,
+             what[0] == 'E' ? "an" : "a", what, here, static_cast<void *>(held.mutex), locked);
+    Report(line);
+}
+
+void LockOrderForkPrepare() {
+    g_nodeLock.lock();
+    g_graphLock.lock();
+}
+void LockOrderForkRelease() {
+    g_graphLock.unlock();
+    g_nodeLock.unlock();
+}
+
+}  // namespace vokt
