@@ -232,6 +232,15 @@ struct Path {
     std::string peerName;  // what the peer member is, for the table and the chart
 };
 
+// A member run with the given checks on (and all of them off afterwards).
+Body WithChecks(uint32_t checks, Body body) {
+    return [checks, body](benchmark::State &state) {
+        Runtime_SetChecks(checks);
+        body(state);
+        Runtime_SetChecks(0);
+    };
+}
+
 Body LockUnlock(int depth) {
     return [depth](benchmark::State &state) {
         Mutex m;
@@ -683,6 +692,11 @@ std::vector<Path> Paths() {
         {"file Stream, a 1 MB file of short lines", VoktFileLines, BareFileLines, PeerFileLines, "getline"},
         {"descriptor Stream, a 1 MB file of short lines", VoktHandleLines, BareHandleLines, PeerHandleLines, "fdopen + getline"},
         {"1000 detached threads", VoktThreads, BareThreads, PEER(PeerThreads), PEER_NAME("GThread", "")},
+        // What a check costs where it costs most: the same vokt member with the check on,
+        // against itself with every check off (the "bare" column).
+        {"64 x Vector_Add, leaks on (bare: checks off)", WithChecks(VOKT_CHECK_LEAKS, VoktAdd64), WithChecks(0, VoktAdd64), {}, ""},
+        {"String append (16 pieces), leaks on (bare: checks off)", WithChecks(VOKT_CHECK_LEAKS, VoktAppend), WithChecks(0, VoktAppend), {}, ""},
+        {"Mutex lock+unlock, locks on (bare: checks off)", WithChecks(VOKT_CHECK_LOCKS, LockUnlock(1)), WithChecks(0, LockUnlock(1)), {}, ""},
     };
 #undef PEER
 #undef PEER_NAME

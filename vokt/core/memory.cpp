@@ -9,22 +9,26 @@
 
 namespace vokt {
 MemoryFunctions g_memory = {malloc, realloc, free};
-}
+MemoryFunctions g_program = {malloc, realloc, free};
+}  // namespace vokt
 using vokt::g_memory;
+using vokt::g_program;
 
 extern "C" {
 
 void Memory_SetFunctions(const MemoryFunctions *functions) {
     // Objects held back after their destruction go to the allocator that made them.
-    if (vokt::Checking(vokt::kRecorded)) vokt::ReleaseQuarantined();
+    vokt::ReleaseQuarantined();
+    const bool recorded = g_memory.Malloc != g_program.Malloc;  // the checks' recorders stay in front
     if (functions && functions->Malloc && functions->Realloc && functions->Free)
-        g_memory = *functions;
+        g_program = *functions;
     else
-        g_memory = MemoryFunctions{malloc, realloc, free};
+        g_program = MemoryFunctions{malloc, realloc, free};
+    if (!recorded) g_memory = g_program;
 }
 
 void Memory_GetFunctions(MemoryFunctions *out) {
-    if (out) *out = g_memory;
+    if (out) *out = g_program;
 }
 
 }  // extern "C"

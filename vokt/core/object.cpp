@@ -46,15 +46,9 @@ void StartUp() {
 
 namespace vokt {
 
-void *NewObject(const ClassDescriptor *cls, const char *what) {
-    void *object = Checking(kCheckLeaks | kCheckObjects) ? RecordedAlloc(cls->size, cls) : g_memory.Malloc(cls->size);
-    if (!object) {
-        Log_Write(0, "Unable to allocate %s", what);
-        return nullptr;
-    }
-    memset(object, 0, cls->size);
-    static_cast<Object *>(object)->ftbl = cls;
-    return object;
+void *NoObject(const char *what) {
+    Log_Write(0, "Unable to allocate %s", what);
+    return nullptr;
 }
 
 }  // namespace vokt

@@ -196,7 +196,8 @@ VOKT_READS_OTHER_FRAMES void FindSlots(Site &site, uintptr_t frame, uint32_t wan
     const int got = backtrace(pcs, kAsked + 2);
     int from = 0;
     while (from < got && reinterpret_cast<uintptr_t>(pcs[from]) != ret) from++;
-    if (from == got) return 0;
+    // A chain the unwinder could not follow (from == got) is kept all the same, with no
+    // frames: it prints as an unknown site, and the next capture there costs no backtrace.
     Site fresh{};
     fresh.ret = ret;
     fresh.frame = frame;
@@ -311,7 +312,8 @@ bool AskAddr2line(const char *module, uintptr_t address, char *function, size_t 
 
 void FormatFrame(void *pc, char *out, size_t room) {
     Dl_info info{};
-    if (!dladdr(pc, &info) || !info.dli_fname) {
+    void *entry = nullptr;
+    if (!dladdr1(pc, &info, &entry, RTLD_DL_SYMENT) || !info.dli_fname) {
         Put(out, room, "%p", pc);
         return;
     }
@@ -331,7 +333,13 @@ void FormatFrame(void *pc, char *out, size_t room) {
     // The return address is just past the call; the line is the call's own.
     const bool asked = AskAddr2line(module, (shared ? at - load : at) - 1, function, sizeof function, place, sizeof place);
     const bool known = asked && strcmp(place, "??:0") != 0 && strcmp(place, "??:?") != 0;
-    const char *name = info.dli_sname;
+    // The nearest exported symbol below may end before the address (a static function
+    // lies between): then it is not the function's name.
+    const auto *symbol = static_cast<const ElfW(Sym) *>(entry);
+    const bool inside = symbol && info.dli_saddr &&
+                        (symbol->st_size == 0 || at < reinterpret_cast<uintptr_t>(info.dli_saddr) + symbol->st_size);
+    const char *name = inside ? info.dli_sname : nullptr;
+    if (!inside) info.dli_saddr = nullptr;
     uintptr_t offset = info.dli_saddr ? at - reinterpret_cast<uintptr_t>(info.dli_saddr) : at - load;
     if (!name && asked && strcmp(function, "??") != 0) {
         name = function;
@@ -364,7 +372,7 @@ uint32_t g_threadCount = 0;
 namespace vokt {
 
 void FormatSite(uint32_t index, char *out, size_t room) {
-    if (index == 0 || !g_sites) {
+    if (index == 0 || !g_sites || g_sites[index].count == 0) {
         Put(out, room, "an unknown site");
         return;
     }
@@ -529,6 +537,17 @@ bool Take(uintptr_t block, Record *out) {
     return true;
 }
 
+void SetClass(uintptr_t block, const ClassDescriptor *cls) {
+    Stripe &s = StripeOf(block);
+    SpinGuard guard(s.lock);
+    if (!s.capacity) return;
+    for (size_t i = Home(s, block); s.slots[i].block; i = (i + 1) & (s.capacity - 1))
+        if (s.slots[i].block == block) {
+            s.slots[i].cls = cls;
+            return;
+        }
+}
+
 template <typename Visit>
 void EachRecord(Visit visit) {
     for (auto &s : g_stripes) {
@@ -538,11 +557,10 @@ void EachRecord(Visit visit) {
     }
 }
 
-void Remember(void *block, size_t size, const ClassDescriptor *cls, uint32_t site) {
+void Remember(void *block, size_t size, uint32_t site) {
     const vokt::CheckThread *me = vokt::Me();
     const uint32_t generation = __atomic_load_n(&g_generation, __ATOMIC_RELAXED) << kGenerationShift;
-    Insert(Record{reinterpret_cast<uintptr_t>(block), size, cls, site, generation | (me && me->kept ? kKept : 0u)});
-    if (!vokt::Checking(vokt::kRecorded)) __atomic_or_fetch(&vokt::g_checks, vokt::kRecorded, __ATOMIC_RELAXED);
+    Insert(Record{reinterpret_cast<uintptr_t>(block), size, nullptr, site, generation | (me && me->kept ? kKept : 0u)});
 }
 
 // ---------------------------------------------------------------------------------------
@@ -645,7 +663,7 @@ void ReleaseQuarantine(size_t bytes) {
                 SpinGuard guard(g_quarantineLock);
                 g_quarantineBytes -= r.size;
             }
-            vokt::g_memory.Free(reinterpret_cast<void *>(block));
+            vokt::g_program.Free(reinterpret_cast<void *>(block));
         }
     }
 }
@@ -653,7 +671,7 @@ void ReleaseQuarantine(size_t bytes) {
 void Quarantine(void *block, Record r) {
     const Zombie *z = g_quarantine ? ZombieFor(r.cls, vokt::CaptureSite()) : nullptr;
     if (!z) {
-        vokt::g_memory.Free(block);
+        vokt::g_program.Free(block);
         return;
     }
     memset(block, 0, r.size);
@@ -760,6 +778,60 @@ int64_t WriteLeaks(FILE *out, const char *when) {
 }
 
 // ---------------------------------------------------------------------------------------
+// The recorders: the allocation layer's functions while blocks are recorded, in front of the
+// program's own.
+
+void *RecordedMalloc(size_t size) {
+    void *block = vokt::g_program.Malloc(size);
+    if (block && vokt::Checking(vokt::kCheckLeaks | vokt::kCheckObjects)) Remember(block, size, vokt::CaptureSite());
+    return block;
+}
+
+void *RecordedRealloc(void *block, size_t size) {
+    if (!block) return RecordedMalloc(size);
+    // The record is taken out first: once the block has moved, its old address may already
+    // be another thread's new block.
+    Record r{};
+    const bool had = Take(reinterpret_cast<uintptr_t>(block), &r);
+    void *moved = vokt::g_program.Realloc(block, size);
+    if (!moved) {
+        // A resize to 0 that gives nothing back has released the block (as the C library's
+        // does, and as the runtime's callers assume); any other failure leaves it as it was.
+        if (had && size != 0) Insert(r);
+        return nullptr;
+    }
+    if (had) {
+        r.block = reinterpret_cast<uintptr_t>(moved);
+        r.size = size;
+        Insert(r);
+    } else if (vokt::Checking(vokt::kCheckLeaks | vokt::kCheckObjects)) {
+        Remember(moved, size, vokt::CaptureSite());
+    }
+    return moved;
+}
+
+void RecordedFree(void *block) {
+    Record r{};
+    if (!Take(reinterpret_cast<uintptr_t>(block), &r)) return vokt::g_program.Free(block);
+    if (r.flags & kQuarantined) {  // released again: reported, and it stays where it is
+        Insert(r);
+        ReportUse(block);
+        return;
+    }
+    if (r.cls && vokt::Checking(vokt::kCheckObjects)) return Quarantine(block, r);
+    vokt::g_program.Free(block);
+}
+
+// Once installed the recorders stay: a block recorded must be found again when it goes,
+// whatever the checks are by then.
+void InstallRecorders() {
+    auto &m = vokt::g_memory;
+    __atomic_store_n(&m.Malloc, &RecordedMalloc, __ATOMIC_RELAXED);
+    __atomic_store_n(&m.Realloc, &RecordedRealloc, __ATOMIC_RELAXED);
+    __atomic_store_n(&m.Free, &RecordedFree, __ATOMIC_RELAXED);
+}
+
+// ---------------------------------------------------------------------------------------
 // The switch.
 
 uint32_t ParseChecks(const char *text) {
@@ -808,7 +880,8 @@ void SetChecks(uint32_t flags) {
         return;
     }
     const uint32_t before = __atomic_load_n(&vokt::g_checks, __ATOMIC_RELAXED);
-    __atomic_store_n(&vokt::g_checks, flags | (before & vokt::kRecorded), __ATOMIC_RELAXED);
+    if (flags & (VOKT_CHECK_LEAKS | VOKT_CHECK_OBJECTS)) InstallRecorders();
+    __atomic_store_n(&vokt::g_checks, flags, __ATOMIC_RELAXED);
     if ((before & VOKT_CHECK_OBJECTS) && !(flags & VOKT_CHECK_OBJECTS)) ReleaseQuarantine(0);
 }
 
@@ -828,46 +901,7 @@ void SetChecks(uint32_t flags) {
 
 namespace vokt {
 
-void *RecordedAlloc(size_t size, const ClassDescriptor *cls) {
-    void *block = g_memory.Malloc(size);
-    if (block && Checking(kCheckLeaks | kCheckObjects)) Remember(block, size, cls, CaptureSite());
-    return block;
-}
-
-void *RecordedRealloc(void *block, size_t size) {
-    if (!block) return Checking(kCheckLeaks | kCheckObjects) ? RecordedAlloc(size, nullptr) : g_memory.Malloc(size);
-    // The record is taken out first: once the block has moved, its old address may already
-    // be another thread's new block.
-    Record r{};
-    const bool had = Take(reinterpret_cast<uintptr_t>(block), &r);
-    void *moved = g_memory.Realloc(block, size);
-    if (!moved) {
-        // A resize to 0 that gives nothing back has released the block (as the C library's
-        // does, and as the runtime's callers assume); any other failure leaves it as it was.
-        if (had && size != 0) Insert(r);
-        return nullptr;
-    }
-    if (had) {
-        r.block = reinterpret_cast<uintptr_t>(moved);
-        r.size = size;
-        Insert(r);
-    } else if (Checking(kCheckLeaks | kCheckObjects)) {
-        Remember(moved, size, nullptr, CaptureSite());
-    }
-    return moved;
-}
-
-void RecordedFree(void *block) {
-    Record r{};
-    if (!Take(reinterpret_cast<uintptr_t>(block), &r)) return g_memory.Free(block);
-    if (r.flags & kQuarantined) {  // released again: reported, and it stays where it is
-        Insert(r);
-        ReportUse(block);
-        return;
-    }
-    if (r.cls && Checking(kCheckObjects)) return Quarantine(block, r);
-    g_memory.Free(block);
-}
+void NoteClass(void *object, const ClassDescriptor *cls) { SetClass(reinterpret_cast<uintptr_t>(object), cls); }
 
 void ReleaseQuarantined() { ReleaseQuarantine(0); }
 

@@ -56,20 +56,21 @@ uint32_t Mix(uint64_t key) {
     return static_cast<uint32_t>(key);
 }
 
-bool Ready() {
-    static bool ready = false;
+bool g_ready = false;
+
+[[gnu::noinline]] bool Prepare() {
     static SpinLock once;
-    if (__atomic_load_n(&ready, __ATOMIC_ACQUIRE)) return true;
     SpinGuard guard(once);
-    if (ready) return true;
+    if (g_ready) return true;
     g_nodeSlots = static_cast<NodeSlot *>(vokt::MapZeroed(kNodeSlots * sizeof(NodeSlot)));
     g_edges = static_cast<Edge *>(vokt::MapZeroed(kEdgeSlots * sizeof(Edge)));
     g_firstEdge = static_cast<uint32_t *>(vokt::MapZeroed(kNodeSlots * sizeof(uint32_t)));
     g_visited = static_cast<uint32_t *>(vokt::MapZeroed(kNodeSlots * sizeof(uint32_t)));
     if (!g_nodeSlots || !g_edges || !g_firstEdge || !g_visited) return false;
-    __atomic_store_n(&ready, true, __ATOMIC_RELEASE);
+    __atomic_store_n(&g_ready, true, __ATOMIC_RELEASE);
     return true;
 }
+inline bool Ready() { return __atomic_load_n(&g_ready, __ATOMIC_ACQUIRE) || Prepare(); }
 
 // The node of a Mutex; a new one when fresh (a Mutex seen for the first time, or made again).
 // 0 when the table is full: that Mutex then takes no part.

@@ -4,6 +4,7 @@
 #define VOKT_INTERNAL_ALLOC_H
 
 #include <stddef.h>
+#include <string.h>
 
 #include "vokt/core/object.h"
 
@@ -12,31 +13,38 @@
 
 namespace vokt {
 
-// The functions every allocation goes through (the C library's unless a program set its
-// own). Read inline, so that an allocation costs one indirect call and no more, plus one
-// branch for the checks that keep records of blocks.
+// The functions every allocation goes through: the program's (the C library's unless it set
+// its own), or, once a check that records blocks has been on, the checks' recorders in
+// front of them. Read inline, so that an allocation costs one indirect call and no more;
+// each member changes at most once while threads run, hence the relaxed loads.
 extern MemoryFunctions g_memory;
+// The program's own functions, which the recorders call.
+extern MemoryFunctions g_program;
 
-inline void *Alloc(size_t size) {
-    if (Checking(kCheckLeaks | kCheckObjects)) return RecordedAlloc(size, nullptr);
-    return g_memory.Malloc(size);
-}
+inline void *Alloc(size_t size) { return __atomic_load_n(&g_memory.Malloc, __ATOMIC_RELAXED)(size); }
 inline void *Realloc(void *block, size_t size) {
-    if (Checking(kCheckLeaks | kCheckObjects | kRecorded)) return RecordedRealloc(block, size);
-    return g_memory.Realloc(block, size);
+    return __atomic_load_n(&g_memory.Realloc, __ATOMIC_RELAXED)(block, size);
 }
 inline void Free(void *block) {
-    if (!block) return;
-    if (Checking(kRecorded)) return RecordedFree(block);
-    g_memory.Free(block);
+    if (block) __atomic_load_n(&g_memory.Free, __ATOMIC_RELAXED)(block);
 }
+
+// What NewObject does when the allocation failed: logs "Unable to allocate <what>".
+[[gnu::cold]] void *NoObject(const char *what);
 
 // One zero-filled object of the class with ftbl set. On failure logs
 // "Unable to allocate <what>" at level 0 (what is "<Class> <variable>") and returns null.
-void *NewObject(const ClassDescriptor *cls, const char *what);
+[[gnu::always_inline]] inline void *NewObject(const ClassDescriptor *cls, const char *what) {
+    void *object = Alloc(cls->size);
+    if (!object) return NoObject(what);
+    memset(object, 0, cls->size);
+    static_cast<Object *>(object)->ftbl = cls;
+    if (Checking(kCheckLeaks | kCheckObjects)) NoteClass(object, cls);
+    return object;
+}
 
 template <typename T>
-T *New(const ClassDescriptor *cls, const char *what) {
+[[gnu::always_inline]] inline T *New(const ClassDescriptor *cls, const char *what) {
     return static_cast<T *>(NewObject(cls, what));
 }
 

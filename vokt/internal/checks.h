@@ -18,12 +18,9 @@ enum : uint32_t {
     kCheckLocks = 2,
     kCheckObjects = 4,
     kCheckAll = 7,
-    // Set once a block has been recorded and never cleared: from then on every release
-    // looks for its record, even with the checks switched off again.
-    kRecorded = 8,
 };
 
-// The checks in force, and kRecorded. Written rarely (start-up, Runtime_SetChecks), read on
+// The checks in force. Written rarely (start-up, Runtime_SetChecks), read on
 // every hook; relaxed atomics compile to plain moves.
 extern uint32_t g_checks;
 
@@ -31,11 +28,8 @@ extern uint32_t g_checks;
     return __builtin_expect((__atomic_load_n(&g_checks, __ATOMIC_RELAXED) & which) != 0, 0);
 }
 
-// The allocation layer with records kept (leaks, objects). cls is the class of an object
-// being made, null for any other block.
-void *RecordedAlloc(size_t size, const ClassDescriptor *cls);
-void *RecordedRealloc(void *block, size_t size);
-void RecordedFree(void *block);
+// The class of an object just allocated, for its record (leaks, objects).
+void NoteClass(void *object, const ClassDescriptor *cls);
 
 // Gives every destroyed object held back to the allocator (before the allocator changes).
 void ReleaseQuarantined();

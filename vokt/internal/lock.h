@@ -112,9 +112,7 @@ inline void DirectUnlock(pthread_mutex_t *mutex) {
 
 // Mutex_Lock: try, compare the owner, block; then hold. Without a call on the way once this
 // thread's identifiers are known.
-[[gnu::always_inline]] inline void Lock(Mutex *m) {
-    if (!m) return;
-    if (Checking(kCheckLocks)) return LockWatched(m);
+[[gnu::always_inline]] inline void LockUnwatched(Mutex *m) {
 #ifdef VOKT_DIRECT_LOCK
     const Identity id = t_identity;
     if (id.tid != 0 && DefaultKind(&m->mutex)) {  // a known kernel identifier: g_directLock holds
@@ -123,6 +121,11 @@ inline void DirectUnlock(pthread_mutex_t *mutex) {
     }
 #endif
     LockGeneral(m);
+}
+[[gnu::always_inline]] inline void Lock(Mutex *m) {
+    if (!m) return;
+    if (Checking(kCheckLocks)) return LockWatched(m);
+    LockUnwatched(m);
 }
 
 // Releases one level; the POSIX mutex goes at the last.

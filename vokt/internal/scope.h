@@ -25,10 +25,10 @@ private:
 // Holds a vector's own lock when it is synchronised; a no-op otherwise.
 class VectorGuard {
 public:
-    explicit VectorGuard(Vector *v) : m_(v && v->bSynchronized ? v->mutex : nullptr) {
+    [[gnu::always_inline]] explicit VectorGuard(Vector *v) : m_(v && v->bSynchronized ? v->mutex : nullptr) {
         if (m_) Lock(m_);
     }
-    ~VectorGuard() {
+    [[gnu::always_inline]] ~VectorGuard() {
         if (m_) Unlock(m_);
     }
     // Leaves the lock held on purpose (a failure path that keeps it).

@@ -380,7 +380,7 @@ const bool g_directLock = false;
 }
 
 [[gnu::noinline]] void LockWatched(Mutex *m) {
-    LockGeneral(m);
+    LockUnwatched(m);
     LockTaken(m);
 }
 

@@ -1,0 +1,105 @@
+// SPDX-License-Identifier: MIT
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <string>
+
+#include "support.h"
+#include "vokt/vokt.h"
+
+namespace {
+
+struct Output {
+    std::string out, err, log;
+};
+
+// Runs the program of planted mistakes in the current (temporary) directory with the given
+// checks; the sanitizers' own reports of these mistakes are kept out of its output.
+Output Planted(const char *mistakes, const char *checks) {
+    const char *emulator = getenv("VOKT_TEST_EMULATOR");
+    const std::string command = std::string("env ASAN_OPTIONS=detect_leaks=0 TSAN_OPTIONS=detect_deadlocks=0:report_mutex_bugs=0 VOKT_CHECK=") +
+                                checks + " " + (emulator ? emulator : "") + " '" VOKT_PLANTED "' " + mistakes +
+                                " >out 2>err";
+    EXPECT_EQ(system(command.c_str()), 0) << command;
+    return {test::ReadFile("out"), test::ReadFile("err"), test::ReadFile("vokt.log")};
+}
+
+std::string Line(const std::string &text, const std::string &start) {
+    const size_t at = text.find(start);
+    return at == std::string::npos ? "" : text.substr(at, text.find('\n', at) - at);
+}
+
+TEST(Checks, LeaksAreReportedByClassAndSite) {
+    EXPECT_EQ(0, test::InChild([] {
+        const Output off = Planted("leaks", "");
+        EXPECT_EQ(off.out, "String -1 Vector -1\nreported -1\n");
+        EXPECT_EQ(off.err, "");
+        const Output on = Planted("leaks", "leaks,bogus");
+        const std::string strings = "2 String (" + std::to_string(2 * sizeof(String)) + " bytes) from load_config+0x";
+        const std::string vector = "; 1 Vector (" + std::to_string(sizeof(Vector)) + " bytes) from main+0x";
+        EXPECT_EQ(on.out.substr(0, on.out.find("vokt: ")), "String 2 Vector 1\n");
+        const std::string now = Line(on.out, "vokt: ");
+        EXPECT_EQ(now.find("vokt: 3 objects and 3 blocks alive now: " + strings), 0u) << now;
+        EXPECT_NE(now.find(vector), std::string::npos) << now;
+        EXPECT_NE(on.out.find("\nreported 6\n"), std::string::npos) << on.out;
+        EXPECT_EQ(Line(on.err, "vokt: VOKT_CHECK"), "vokt: VOKT_CHECK: unknown check \"bogus\" ignored");
+        const std::string exit = Line(on.err, "vokt: 3 objects");
+        EXPECT_EQ(exit.find("vokt: 3 objects and 3 blocks alive at exit: " + strings), 0u) << on.err;
+        EXPECT_NE(exit.find(vector), std::string::npos) << exit;
+        EXPECT_EQ(test::Count(on.err, "vokt: "), 2) << on.err;
+        EXPECT_NE(on.log.find(exit), std::string::npos) << on.log;
+    }));
+}
+
+TEST(Checks, LockOrderInversionsAndHoldsAreReportedWithoutADeadlock) {
+    EXPECT_EQ(0, test::InChild([] {
+        EXPECT_EQ(Planted("locks", "").err, "");
+        const Output on = Planted("locks", "locks");
+        const size_t space = on.out.find(' ');
+        const std::string a = on.out.substr(2, space - 2), b = on.out.substr(space + 3, on.out.find('\n') - space - 3);
+        const std::string inversion = Line(on.err, "vokt: lock order");
+        EXPECT_EQ(inversion.find("vokt: lock order inversion: Mutex " + b + " then Mutex " + a + " in thread "), 0u)
+            << on.out << on.err;
+        EXPECT_NE(inversion.find(", locked at backwards+0x"), std::string::npos) << inversion;
+        EXPECT_NE(inversion.find("; the opposite order was taken in thread "), std::string::npos) << inversion;
+        EXPECT_NE(inversion.find(", locked at forwards+0x"), std::string::npos) << inversion;
+        EXPECT_EQ(Line(on.err, "vokt: wait").find("vokt: wait on a Condition at plant_locks+0x"), 0u) << on.err;
+        EXPECT_NE(Line(on.err, "vokt: wait").find(" while holding Mutex " + a + ", locked at plant_locks+0x"),
+                  std::string::npos);
+        EXPECT_EQ(Line(on.err, "vokt: thread").find(" ended holding Mutex " + a + ", locked at keeps_a+0x"),
+                  std::string("vokt: thread 4").size())
+            << on.err;
+        EXPECT_EQ(Line(on.err, "vokt: Mutex").find("vokt: Mutex " + a + " unlocked by a thread that does not hold it, at plant_locks+0x"), 0u)
+            << on.err;
+        EXPECT_EQ(test::Count(on.err, "vokt: "), 4) << on.err;
+    }));
+}
+
+// Used with the check off, these mistakes would corrupt the heap; with it on, each use is
+// reported once per pair of sites and nothing is released twice.
+TEST(Checks, DestroyedObjectsAreHeldBackAndEveryUseReported) {
+    EXPECT_EQ(0, test::InChild([] {
+        const Output on = Planted("objects", "objects");
+        EXPECT_EQ(on.out, "found 0\ndone\n");
+        EXPECT_EQ(test::Count(on.err, "vokt: String used after it was destroyed at plant_objects+0x"), 3) << on.err;
+        EXPECT_EQ(test::Count(on.err, "; used at plant_objects+0x"), 3) << on.err;
+        EXPECT_EQ(test::Count(on.err, "vokt: "), 3) << on.err;
+    }));
+}
+
+TEST(Checks, SwitchedFromCodeAndCountedInProcess) {
+    EXPECT_EQ(0, test::InChild([] {
+        Runtime_SetChecks(VOKT_CHECK_LEAKS | VOKT_CHECK_OBJECTS | 0x100);
+        EXPECT_EQ(Runtime_GetChecks(), VOKT_CHECK_LEAKS | VOKT_CHECK_OBJECTS);
+        const int64_t before = Runtime_CountLive("String");
+        String *s = String_NewFromChars("x");
+        EXPECT_EQ(Runtime_CountLive("String"), before + 1);
+        String_Destroy(s);  // held back, no longer alive
+        EXPECT_EQ(Runtime_CountLive("String"), before);
+        Runtime_SetChecks(0);
+        EXPECT_EQ(Runtime_CountLive(nullptr), -1);
+        EXPECT_EQ(Runtime_ReportLeaks(nullptr), -1);
+    }));
+}
+
+}  // namespace
