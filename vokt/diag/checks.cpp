@@ -25,7 +25,6 @@
 #include "vokt/internal/checks.h"
 #include "vokt/internal/fork.h"
 
-extern char **environ;
 
 #if defined(__SANITIZE_ADDRESS__)
 #define VOKT_READS_OTHER_FRAMES __attribute__((no_sanitize_address))
@@ -66,6 +65,7 @@ constexpr char kPrefix[] = "vokt: ";
 
 // snprintf that may cut its text short: sites and symbols have no length limit, and a cut
 // line is better than none.
+// NOLINTNEXTLINE(cert-dcl50-cpp): printf-style, so that the compiler checks each format
 [[gnu::format(printf, 3, 4)]] int Put(char *out, size_t room, const char *format, ...) {
     va_list args;
     va_start(args, format);
@@ -159,11 +159,17 @@ inline uintptr_t StackEnd() {
     return me->stackEnd ? me->stackEnd : AskStackEnd(me);
 }
 
-VOKT_READS_OTHER_FRAMES bool Confirmed(const Site &site, uintptr_t frame) {
-    if (site.reach && frame + site.reach >= StackEnd()) return false;
+// The word at offset bytes above a frame of the calling thread's stack.
+VOKT_READS_OTHER_FRAMES inline uintptr_t WordAt(const char *frame, size_t offset) {
+    uintptr_t word;
+    memcpy(&word, frame + offset, sizeof word);
+    return word;
+}
+
+VOKT_READS_OTHER_FRAMES bool Confirmed(const Site &site, const char *frame) {
+    if (site.reach && reinterpret_cast<uintptr_t>(frame) + site.reach >= StackEnd()) return false;
     for (uint32_t i = 0; i < site.confirmed; i++)
-        if (*reinterpret_cast<const uintptr_t *>(frame + site.slot[i]) != reinterpret_cast<uintptr_t>(site.pc[i]))
-            return false;
+        if (WordAt(frame, site.slot[i]) != reinterpret_cast<uintptr_t>(site.pc[i])) return false;
     return true;
 }
 
@@ -176,22 +182,23 @@ uint32_t Mix(uintptr_t a, uintptr_t b) {
 }
 
 // Finds the stack slot of each return address, each above the one before.
-VOKT_READS_OTHER_FRAMES void FindSlots(Site &site, uintptr_t frame, uint32_t wanted) {
+VOKT_READS_OTHER_FRAMES void FindSlots(Site &site, const char *frame, uint32_t wanted) {
     const uintptr_t end = StackEnd();
-    uintptr_t at = frame;
+    const uintptr_t start = reinterpret_cast<uintptr_t>(frame);
+    size_t at = 0;
     site.confirmed = 0;
     for (uint32_t i = 0; i < wanted && end; i++) {
-        while (at + sizeof(uintptr_t) <= end && *reinterpret_cast<const uintptr_t *>(at) != reinterpret_cast<uintptr_t>(site.pc[i]))
+        while (start + at + sizeof(uintptr_t) <= end && WordAt(frame, at) != reinterpret_cast<uintptr_t>(site.pc[i]))
             at += sizeof(uintptr_t);
-        if (at + sizeof(uintptr_t) > end) break;
-        site.slot[i] = static_cast<uint32_t>(at - frame);
+        if (start + at + sizeof(uintptr_t) > end) break;
+        site.slot[i] = static_cast<uint32_t>(at);
         site.reach = site.slot[i] + sizeof(uintptr_t);
         site.confirmed = i + 1;
         at += sizeof(uintptr_t);
     }
 }
 
-[[gnu::noinline]] uint32_t NewSite(uintptr_t ret, uintptr_t frame, uint32_t hash) {
+[[gnu::noinline]] uint32_t NewSite(uintptr_t ret, const char *frame, uint32_t hash) {
     void *pcs[kAsked + 2];
     const int got = backtrace(pcs, kAsked + 2);
     int from = 0;
@@ -200,7 +207,7 @@ VOKT_READS_OTHER_FRAMES void FindSlots(Site &site, uintptr_t frame, uint32_t wan
     // frames: it prints as an unknown site, and the next capture there costs no backtrace.
     Site fresh{};
     fresh.ret = ret;
-    fresh.frame = frame;
+    fresh.frame = reinterpret_cast<uintptr_t>(frame);
     const int count = got - from < kAsked ? got - from : kAsked;
     for (int i = 0; i < count; i++) fresh.pc[i] = pcs[from + i];
     uint32_t first = 0;
@@ -234,15 +241,15 @@ namespace vokt {
 
 [[gnu::noinline]] uint32_t CaptureSite() {
     if (!g_sites) return 0;
-    const auto frame = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
+    const auto *frame = static_cast<const char *>(__builtin_frame_address(0));
     const auto ret = reinterpret_cast<uintptr_t>(__builtin_return_address(0));
-    const uint32_t hash = Mix(ret, frame);
+    const uint32_t hash = Mix(ret, reinterpret_cast<uintptr_t>(frame));
     for (uint32_t i = hash & (kSites - 1);; i = (i + 1) & (kSites - 1)) {
         if (i == 0) continue;
         const Site &site = g_sites[i];
         const uintptr_t key = __atomic_load_n(&site.ret, __ATOMIC_ACQUIRE);
         if (key == 0) break;
-        if (key == ret && site.frame == frame && Confirmed(site, frame)) return i;
+        if (key == ret && site.frame == reinterpret_cast<uintptr_t>(frame) && Confirmed(site, frame)) return i;
     }
     return NewSite(ret, frame, hash);
 }
@@ -328,7 +335,7 @@ void FormatFrame(void *pc, char *out, size_t room) {
     const auto at = reinterpret_cast<uintptr_t>(pc);
     const auto load = reinterpret_cast<uintptr_t>(info.dli_fbase);
     // A position-independent module is read at its offset, a fixed one at its address.
-    const bool shared = load && reinterpret_cast<const ElfW(Ehdr) *>(load)->e_type == ET_DYN;
+    const bool shared = load && static_cast<const ElfW(Ehdr) *>(info.dli_fbase)->e_type == ET_DYN;
     char function[512] = "", place[512] = "";
     // The return address is just past the call; the line is the call's own.
     const bool asked = AskAddr2line(module, (shared ? at - load : at) - 1, function, sizeof function, place, sizeof place);
@@ -371,17 +378,17 @@ uint32_t g_threadCount = 0;
 
 namespace vokt {
 
-void FormatSite(uint32_t index, char *out, size_t room) {
-    if (index == 0 || !g_sites || g_sites[index].count == 0) {
+void FormatSite(uint32_t site, char *out, size_t room) {
+    if (site == 0 || !g_sites || g_sites[site].count == 0) {
         Put(out, room, "an unknown site");
         return;
     }
-    const Site &site = g_sites[index];
+    const Site &at = g_sites[site];
     size_t used = 0;
     out[0] = '\0';
-    for (uint32_t i = 0; i < site.count && used + 1 < room; i++) {
+    for (uint32_t i = 0; i < at.count && used + 1 < room; i++) {
         char frame[1200];
-        FormatFrame(site.pc[site.first + i], frame, sizeof frame);
+        FormatFrame(at.pc[at.first + i], frame, sizeof frame);
         const int n = Put(out + used, room - used, "%s%s", i ? " <- " : "", frame);
         if (n < 0) break;
         used += static_cast<size_t>(n);
@@ -576,7 +583,7 @@ struct Zombie {
 
 constexpr size_t kQuarantineBytes = 4u << 20;
 constexpr size_t kQuarantineSlots = 1u << 16;
-uintptr_t *g_quarantine = nullptr;  // a ring of blocks, oldest first
+void **g_quarantine = nullptr;  // a ring of blocks, oldest first
 size_t g_quarantineHead = 0, g_quarantineCount = 0, g_quarantineBytes = 0;
 SpinLock g_quarantineLock;
 
@@ -649,7 +656,7 @@ void ReportUse(const void *object) {
 // Releases the oldest blocks until the quarantine is within bytes.
 void ReleaseQuarantine(size_t bytes) {
     for (;;) {
-        uintptr_t block = 0;
+        void *block = nullptr;
         {
             SpinGuard guard(g_quarantineLock);
             if (g_quarantineCount == 0 || (g_quarantineBytes <= bytes && g_quarantineCount < kQuarantineSlots)) return;
@@ -658,12 +665,12 @@ void ReleaseQuarantine(size_t bytes) {
             g_quarantineCount--;
         }
         Record r{};
-        if (Take(block, &r)) {
+        if (Take(reinterpret_cast<uintptr_t>(block), &r)) {
             {
                 SpinGuard guard(g_quarantineLock);
                 g_quarantineBytes -= r.size;
             }
-            vokt::g_program.Free(reinterpret_cast<void *>(block));
+            vokt::g_program.Free(block);
         }
     }
 }
@@ -680,7 +687,7 @@ void Quarantine(void *block, Record r) {
     Insert(r);
     {
         SpinGuard guard(g_quarantineLock);
-        g_quarantine[(g_quarantineHead + g_quarantineCount) % kQuarantineSlots] = r.block;
+        g_quarantine[(g_quarantineHead + g_quarantineCount) % kQuarantineSlots] = block;
         g_quarantineCount++;
         g_quarantineBytes += r.size;
     }
@@ -865,7 +872,7 @@ bool PrepareTables() {
     if (ready) return true;
     g_sites = static_cast<Site *>(vokt::MapZeroed(kSites * sizeof(Site)));
     g_seen = static_cast<uint64_t *>(vokt::MapZeroed(kSeenSlots * sizeof(uint64_t)));
-    g_quarantine = static_cast<uintptr_t *>(vokt::MapZeroed(kQuarantineSlots * sizeof(uintptr_t)));
+    g_quarantine = static_cast<void **>(vokt::MapZeroed(kQuarantineSlots * sizeof(void *)));
     if (!g_sites || !g_seen || !g_quarantine) return false;
     FindOwnCode();
     FindAddr2line();
