@@ -888,6 +888,7 @@ void SetChecks(uint32_t flags) {
     }
     const uint32_t before = __atomic_load_n(&vokt::g_checks, __ATOMIC_RELAXED);
     if (flags & (VOKT_CHECK_LEAKS | VOKT_CHECK_OBJECTS)) InstallRecorders();
+    if ((flags & VOKT_CHECK_LOCKS) && !(before & VOKT_CHECK_LOCKS)) vokt::LocksSwitchedOn();
     __atomic_store_n(&vokt::g_checks, flags, __ATOMIC_RELAXED);
     if ((before & VOKT_CHECK_OBJECTS) && !(flags & VOKT_CHECK_OBJECTS)) ReleaseQuarantine(0);
 }

@@ -9,9 +9,12 @@
  * reported once and ignored). Each report is one line that starts with "vokt: ", printed on
  * standard error and written to the log at level 0, once for each pair of sites:
  *
- * - `vokt: 3 objects alive at exit: 2 String (48 bytes) from load_config+0x2f (app) <- main+0x11 (app); 1 Vector (40 bytes) from ...`
- * - `vokt: lock order inversion: Mutex 0x5581... then Mutex 0x5581... in thread 2, at ...; the opposite order was taken in thread 1, at ...`
- * - `vokt: String used after it was destroyed at parse_line+0x44 (app); used at ...`
+ * - `vokt: 3 objects and 3 blocks alive at exit: 2 String (64 bytes) from load_config+0x28 (app, app.c:25) <- main+0x32 (app, app.c:93); 2 blocks (20 bytes) from ...; 1 Vector (64 bytes) from main+0x37 (app, app.c:94); ...`
+ * - `vokt: lock order inversion: Mutex 0x562e6ec41180 then Mutex 0x562e6ec411c0 in thread 2, locked at backwards+0x1c (app, app.c:39), then at ...; the opposite order was taken in thread 1, locked at forwards+0x1c (app, app.c:30), then at ...`
+ * - `vokt: wait on a Condition at f+0xae (app, app.c:67) while holding Mutex 0x562e6ec411c0, locked at f+0xa6 (app, app.c:66)`
+ * - `vokt: thread 3 ended holding Mutex 0x562e6ec411c0, locked at g+0x10 (app, app.c:48)`
+ * - `vokt: Mutex 0x562e6ec411c0 unlocked by a thread that does not hold it, at f+0xdd (app, app.c:72)`
+ * - `vokt: String used after it was destroyed at parse_line+0x53 (app, app.c:79); used at parse_line+0x69 (app, app.c:81)`
  *
  * A site is up to 8 return addresses of the program, outside the library, each written
  * `function+0xoffset (module)`, with `, file:line` added when addr2line is installed.

@@ -47,6 +47,20 @@ SpinLock g_nodeLock;
 using vokt::Taken;
 constexpr int kHeld = 32;  // the Mutexes a thread holds, in the order taken (more are counted)
 
+uint32_t g_lockEpoch = 0;
+
+// The calling thread's part, its holds forgotten when `locks` has been switched on since.
+vokt::CheckThread *Holder() {
+    vokt::CheckThread *me = vokt::Me();
+    if (!me) return nullptr;
+    const uint32_t epoch = __atomic_load_n(&g_lockEpoch, __ATOMIC_RELAXED);
+    if (me->lockEpoch != epoch) {
+        me->lockEpoch = epoch;
+        me->heldCount = 0;
+    }
+    return me;
+}
+
 enum : uint32_t { kInversion = 3, kForeignUnlock = 4, kEndedHolding = 5, kHoldAndWait = 6 };
 
 uint32_t Mix(uint64_t key) {
@@ -72,29 +86,40 @@ bool g_ready = false;
 }
 inline bool Ready() { return __atomic_load_n(&g_ready, __ATOMIC_ACQUIRE) || Prepare(); }
 
-// The node of a Mutex; a new one when fresh (a Mutex seen for the first time, or made again).
-// 0 when the table is full: that Mutex then takes no part.
-uint32_t NodeOf(Mutex *m, bool fresh) {
+// The node of a Mutex, made at its first lock. 0 when the table is full: that Mutex then
+// takes no part.
+uint32_t NodeOf(Mutex *m) {
     const auto key = reinterpret_cast<uintptr_t>(m);
     const uint32_t mask = kNodeSlots - 1;
-    uint32_t i = Mix(key) & mask;
-    if (!fresh) {
-        for (;; i = (i + 1) & mask) {
-            const uintptr_t at = __atomic_load_n(&g_nodeSlots[i].mutex, __ATOMIC_ACQUIRE);
-            if (at == key) return __atomic_load_n(&g_nodeSlots[i].node, __ATOMIC_RELAXED);
-            if (at == 0) break;
-        }
+    for (uint32_t i = Mix(key) & mask;; i = (i + 1) & mask) {
+        const uintptr_t at = __atomic_load_n(&g_nodeSlots[i].mutex, __ATOMIC_ACQUIRE);
+        if (at == key) return __atomic_load_n(&g_nodeSlots[i].node, __ATOMIC_RELAXED);
+        if (at == 0) break;
     }
     SpinGuard guard(g_nodeLock);
-    if (g_nodeCount + 1 >= kNodeSlots / 4 * 3) return 0;
-    const uint32_t node = ++g_nodeCount;
-    for (i = Mix(key) & mask;; i = (i + 1) & mask) {
+    for (uint32_t i = Mix(key) & mask;; i = (i + 1) & mask) {
         const uintptr_t at = __atomic_load_n(&g_nodeSlots[i].mutex, __ATOMIC_RELAXED);
-        if (at == key || at == 0) {
-            __atomic_store_n(&g_nodeSlots[i].node, node, __ATOMIC_RELAXED);
-            __atomic_store_n(&g_nodeSlots[i].mutex, key, __ATOMIC_RELEASE);
-            return node;
-        }
+        if (at == key) return __atomic_load_n(&g_nodeSlots[i].node, __ATOMIC_RELAXED);  // another thread's
+        if (at != 0) continue;
+        if (g_nodeCount + 1 >= kNodeSlots / 4 * 3) return 0;
+        const uint32_t node = ++g_nodeCount;
+        __atomic_store_n(&g_nodeSlots[i].node, node, __ATOMIC_RELAXED);
+        __atomic_store_n(&g_nodeSlots[i].mutex, key, __ATOMIC_RELEASE);
+        return node;
+    }
+}
+
+// A Mutex initialised again is a new node: the orders of the old one are not its own.
+void Renew(Mutex *m) {
+    const auto key = reinterpret_cast<uintptr_t>(m);
+    const uint32_t mask = kNodeSlots - 1;
+    SpinGuard guard(g_nodeLock);
+    for (uint32_t i = Mix(key) & mask;; i = (i + 1) & mask) {
+        const uintptr_t at = __atomic_load_n(&g_nodeSlots[i].mutex, __ATOMIC_RELAXED);
+        if (at == 0) return;  // never locked: its node comes with its first lock
+        if (at != key) continue;
+        if (g_nodeCount + 1 < kNodeSlots / 4 * 3) __atomic_store_n(&g_nodeSlots[i].node, ++g_nodeCount, __ATOMIC_RELAXED);
+        return;
     }
 }
 
@@ -181,7 +206,10 @@ void Order(const Taken &before, Mutex *after, uint32_t node, uint32_t site) {
 
 namespace vokt {
 
+void LocksSwitchedOn() { __atomic_add_fetch(&g_lockEpoch, 1, __ATOMIC_RELAXED); }
+
 void LocksAtThreadEnd(CheckThread *me) {
+    if (!Checking(kCheckLocks) || me->lockEpoch != __atomic_load_n(&g_lockEpoch, __ATOMIC_RELAXED)) return;
     for (int i = 0; i < me->heldCount && i < kHeld; i++) {
         const Taken &held = me->held[i];
         if (!FirstTime(kEndedHolding, held.site, 0)) continue;
@@ -195,7 +223,7 @@ void LocksAtThreadEnd(CheckThread *me) {
 }
 
 void LockTaken(Mutex *m) {
-    CheckThread *me = Me();
+    CheckThread *me = Holder();
     if (!me || me->reporting || !Ready()) return;
     Taken *t_held = me->held;
     int &t_heldCount = me->heldCount;
@@ -204,7 +232,7 @@ void LockTaken(Mutex *m) {
             t_held[i].depth++;
             return;
         }
-    const uint32_t node = NodeOf(m, false);
+    const uint32_t node = NodeOf(m);
     if (node == 0) return;
     const uint32_t site = CaptureSite();
     for (int i = 0; i < t_heldCount && i < kHeld; i++) Order(t_held[i], m, node, site);
@@ -213,7 +241,7 @@ void LockTaken(Mutex *m) {
 }
 
 void UnlockSeen(Mutex *m) {
-    CheckThread *me = Me();
+    CheckThread *me = Holder();
     if (!me || me->reporting || !Ready()) return;
     Taken *t_held = me->held;
     int &t_heldCount = me->heldCount;
@@ -243,11 +271,11 @@ void UnlockSeen(Mutex *m) {
 }
 
 void MutexMade(Mutex *m) {
-    if (Ready()) NodeOf(m, true);
+    if (Ready()) Renew(m);
 }
 
 void WaitEntered(const char *what) {
-    const CheckThread *me = Me();
+    const CheckThread *me = Holder();
     if (!me || me->reporting || me->heldCount == 0 || !Ready()) return;
     const Taken &held = me->held[0];
     const uint32_t site = CaptureSite();

@@ -74,6 +74,7 @@ struct CheckThread {
     int kept;           // depth of KeptForProcess scopes
     uint32_t number;    // the thread's number in reports
     uintptr_t stackEnd;  // 0 until asked
+    uint32_t lockEpoch;  // the switching-on of `locks` that heldCount belongs to
     int heldCount;
     Taken held[32];
 };
@@ -83,6 +84,9 @@ CheckThread *MakeCheckThread();
 inline CheckThread *Me() { return t_checkThread ? t_checkThread : MakeCheckThread(); }
 // A thread that ends with Mutexes held is reported (called as its part is released).
 void LocksAtThreadEnd(CheckThread *me);
+// Holds recorded before `locks` was last switched on are forgotten: the unlocks made while it
+// was off were never seen.
+void LocksSwitchedOn();
 
 // A short lock for the checks' own tables: they must never go through the hooks they serve.
 class SpinLock {
