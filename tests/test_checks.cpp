@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <string>
 
@@ -87,18 +89,68 @@ TEST(Checks, DestroyedObjectsAreHeldBackAndEveryUseReported) {
     }));
 }
 
-TEST(Checks, SwitchedFromCodeAndCountedInProcess) {
+TEST(Checks, SwitchedFromCodeHeldBackWithinBoundsAndReleased) {
     EXPECT_EQ(0, test::InChild([] {
+        test::FailAllocation(0);  // the counting allocator, failing nothing
         Runtime_SetChecks(VOKT_CHECK_LEAKS | VOKT_CHECK_OBJECTS | 0x100);
         EXPECT_EQ(Runtime_GetChecks(), VOKT_CHECK_LEAKS | VOKT_CHECK_OBJECTS);
-        const int64_t before = Runtime_CountLive("String");
+        const int64_t strings = Runtime_CountLive("String");
+        const long blocks = test::LiveBlocks();
         String *s = String_NewFromChars("x");
-        EXPECT_EQ(Runtime_CountLive("String"), before + 1);
-        String_Destroy(s);  // held back, no longer alive
-        EXPECT_EQ(Runtime_CountLive("String"), before);
+        EXPECT_EQ(Runtime_CountLive("String"), strings + 1);
+        String_Destroy(s);
+        EXPECT_EQ(Runtime_CountLive("String"), strings);
+        EXPECT_EQ(test::LiveBlocks(), blocks + 1);  // the record, held back
+        for (int i = 0; i < 100000; i++) String_Destroy(String_New());
+        EXPECT_LE(test::LiveBlocks(), blocks + 65536);  // the quarantine keeps the newest only
         Runtime_SetChecks(0);
+        EXPECT_EQ(test::LiveBlocks(), blocks);
         EXPECT_EQ(Runtime_CountLive(nullptr), -1);
         EXPECT_EQ(Runtime_ReportLeaks(nullptr), -1);
+    }));
+}
+
+// A child that exits reports what it made itself, not what it inherited.
+TEST(Checks, AForkedChildLeavesItsParentsObjectsToItsParent) {
+    EXPECT_EQ(0, test::InChild([] {
+        Runtime_SetChecks(VOKT_CHECK_LEAKS);
+        String *parents = String_New();
+        testing::internal::CaptureStderr();
+        const pid_t pid = fork();
+        if (pid == 0) {
+            String_New();
+            exit(0);
+        }
+        waitpid(pid, nullptr, 0);
+        const std::string report = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(report.find("vokt: 1 object alive at exit: 1 String ("), 0u) << report;
+        String_Destroy(parents);
+        Runtime_SetChecks(0);
+    }));
+}
+
+// Orders belong to a Mutex as initialised: made again, it starts with none.
+TEST(Checks, AMutexInitialisedAgainIsANewMutex) {
+    EXPECT_EQ(0, test::InChild([] {
+        Runtime_SetChecks(VOKT_CHECK_LOCKS);
+        Mutex a, b;
+        Mutex_Init(&a);
+        Mutex_Init(&b);
+        auto inOrder = [](Mutex *first, Mutex *second) {
+            Mutex_Lock(first);
+            Mutex_Lock(second);
+            Mutex_Unlock(second);
+            Mutex_Unlock(first);
+        };
+        testing::internal::CaptureStderr();
+        inOrder(&a, &b);
+        Mutex_Init(&a);
+        inOrder(&b, &a);
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+        testing::internal::CaptureStderr();
+        inOrder(&a, &b);
+        EXPECT_EQ(testing::internal::GetCapturedStderr().find("vokt: lock order inversion: "), 0u);
+        Runtime_SetChecks(0);
     }));
 }
 
