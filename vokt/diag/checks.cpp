@@ -317,7 +317,37 @@ bool AskAddr2line(const char *module, uintptr_t address, char *function, size_t 
     return true;
 }
 
+// Frames already printed, by address: a report names the same frames again and again (the
+// program's outer calls), and each one costs a run of addr2line.
+constexpr uint32_t kPrinted = 512;
+constexpr size_t kPrintedText = 1024;
+struct Printed {
+    void *pc;
+    char text[kPrintedText];
+};
+Printed *g_printed = nullptr;
+SpinLock g_printedLock;
+
+void FormatFrameAnew(void *pc, char *out, size_t room);
+
 void FormatFrame(void *pc, char *out, size_t room) {
+    const uint32_t at = Mix(reinterpret_cast<uintptr_t>(pc), 0) & (kPrinted - 1);
+    {
+        SpinGuard guard(g_printedLock);
+        if (g_printed && g_printed[at].pc == pc) {
+            Put(out, room, "%s", g_printed[at].text);
+            return;
+        }
+    }
+    FormatFrameAnew(pc, out, room);
+    SpinGuard guard(g_printedLock);
+    if (!g_printed) g_printed = static_cast<Printed *>(vokt::MapZeroed(kPrinted * sizeof(Printed)));
+    if (!g_printed) return;
+    g_printed[at].pc = pc;
+    Put(g_printed[at].text, kPrintedText, "%s", out);
+}
+
+void FormatFrameAnew(void *pc, char *out, size_t room) {
     Dl_info info{};
     void *entry = nullptr;
     if (!dladdr1(pc, &info, &entry, RTLD_DL_SYMENT) || !info.dli_fname) {
@@ -933,6 +963,7 @@ void ChecksForkPrepare() {
     g_parentPid = getpid();
     g_siteLock.lock();
     g_seenLock.lock();
+    g_printedLock.lock();
     g_zombieLock.lock();
     g_quarantineLock.lock();
     for (auto &s : g_stripes) s.lock.lock();
@@ -947,6 +978,7 @@ void ChecksForkRelease() {
     for (auto &s : g_stripes) s.lock.unlock();
     g_quarantineLock.unlock();
     g_zombieLock.unlock();
+    g_printedLock.unlock();
     g_seenLock.unlock();
     g_siteLock.unlock();
 }
