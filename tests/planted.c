@@ -80,9 +80,10 @@ void plant_objects(void) {
     String_Destroy(s); /* the vector still holds it */
     String *probe = String_NewFromChars("gone");
     printf("found %d\n", Vector_Contains(v, probe));
+    Vector_Sort(v);
     String_Destroy(probe);
     String_Destroy(s); /* destroyed twice */
-    Vector_Free(v);    /* and the vector destroys it once more */
+    Vector_Free(v); /* and the vector destroys it once more */
     puts("done");
 }
 

@@ -251,6 +251,9 @@ void Vector_Sort(Vector *v) {
     if (v->size > 0) {
         VOKT_ASSERT_OR_RETURN(v->data[0] != NULL);
         VOKT_ASSERT_OR_RETURN(v->data[0]->ftbl->Compare!=NULL);
+        // A destroyed element is reported even where no comparison would reach it.
+        if (vokt::Checking(vokt::kCheckObjects))
+            for (int64_t i = 0; i < v->size; i++) vokt::IsDestroyed(v->data[i]);
         qsort(v->data, static_cast<size_t>(v->size), sizeof(Object *), v->data[0]->ftbl->Compare);
     }
 }
