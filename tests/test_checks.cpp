@@ -129,26 +129,42 @@ TEST(Checks, AForkedChildLeavesItsParentsObjectsToItsParent) {
     }));
 }
 
-// Orders belong to a Mutex as initialised: made again, it starts with none.
-TEST(Checks, AMutexInitialisedAgainIsANewMutex) {
+void InOrder(Mutex *first, Mutex *second) {
+    Mutex_Lock(first);
+    Mutex_Lock(second);
+    Mutex_Unlock(second);
+    Mutex_Unlock(first);
+}
+
+std::string Address(const void *p) {
+    char text[32];
+    snprintf(text, sizeof text, "%p", p);
+    return text;
+}
+
+// A cycle of any length is reported step by step, on the order that closes it. Orders belong
+// to a Mutex as initialised: made again, it starts with none.
+TEST(Checks, CyclesAreReportedStepByStepAndAMutexMadeAgainStartsAfresh) {
     EXPECT_EQ(0, test::InChild([] {
         Runtime_SetChecks(VOKT_CHECK_LOCKS);
-        Mutex a, b;
-        Mutex_Init(&a);
-        Mutex_Init(&b);
-        auto inOrder = [](Mutex *first, Mutex *second) {
-            Mutex_Lock(first);
-            Mutex_Lock(second);
-            Mutex_Unlock(second);
-            Mutex_Unlock(first);
-        };
+        Mutex a, b, c;
+        for (Mutex *m : {&a, &b, &c}) Mutex_Init(m);
         testing::internal::CaptureStderr();
-        inOrder(&a, &b);
+        InOrder(&a, &b);
+        InOrder(&b, &c);
+        InOrder(&c, &a);
+        const std::string cycle = testing::internal::GetCapturedStderr();
+        const std::string A = Address(&a), B = Address(&b), C = Address(&c);
+        EXPECT_EQ(cycle.find("vokt: lock order inversion: Mutex " + C + " then Mutex " + A + " in thread "), 0u) << cycle;
+        EXPECT_NE(cycle.find("; the opposite order was taken in 2 steps: Mutex " + A + " then Mutex " + B + " in thread "),
+                  std::string::npos) << cycle;
+        EXPECT_NE(cycle.find("; Mutex " + B + " then Mutex " + C + " in thread "), std::string::npos) << cycle;
+        testing::internal::CaptureStderr();
         Mutex_Init(&a);
-        inOrder(&b, &a);
+        InOrder(&b, &a);
         EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
         testing::internal::CaptureStderr();
-        inOrder(&a, &b);
+        InOrder(&a, &b);
         EXPECT_EQ(testing::internal::GetCapturedStderr().find("vokt: lock order inversion: "), 0u);
         Runtime_SetChecks(0);
     }));

@@ -16,6 +16,7 @@
 #include <stdarg.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/auxv.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -133,6 +134,9 @@ bool InLibrary(void *pc);
 bool StartsThreads(void *pc) {
     Dl_info info{};
     if (InLibrary(pc)) return true;
+    // The program's entry routine (_start), named or not: a few instructions from its entry.
+    const uintptr_t entry = getauxval(AT_ENTRY), at = reinterpret_cast<uintptr_t>(pc);
+    if (entry && at >= entry && at - entry < 128) return true;
     if (!dladdr(pc, &info)) return false;
     return info.dli_fbase == g_cLibrary || (info.dli_sname && strcmp(info.dli_sname, "_start") == 0);
 }

@@ -39,6 +39,8 @@ struct Edge {
 Edge *g_edges = nullptr;
 uint32_t *g_firstEdge = nullptr;  // by node
 uint32_t *g_visited = nullptr;    // by node: the search that last passed it
+uint32_t *g_parentEdge = nullptr;  // by node: the edge the search came in by
+uintptr_t *g_nodeMutex = nullptr;  // by node: the Mutex's address
 uint32_t g_search = 0;
 uint32_t g_edgeCount = 0;
 SpinLock g_graphLock;
@@ -80,7 +82,9 @@ bool g_ready = false;
     g_edges = static_cast<Edge *>(vokt::MapZeroed(kEdgeSlots * sizeof(Edge)));
     g_firstEdge = static_cast<uint32_t *>(vokt::MapZeroed(kNodeSlots * sizeof(uint32_t)));
     g_visited = static_cast<uint32_t *>(vokt::MapZeroed(kNodeSlots * sizeof(uint32_t)));
-    if (!g_nodeSlots || !g_edges || !g_firstEdge || !g_visited) return false;
+    g_parentEdge = static_cast<uint32_t *>(vokt::MapZeroed(kNodeSlots * sizeof(uint32_t)));
+    g_nodeMutex = static_cast<uintptr_t *>(vokt::MapZeroed(kNodeSlots * sizeof(uintptr_t)));
+    if (!g_nodeSlots || !g_edges || !g_firstEdge || !g_visited || !g_parentEdge || !g_nodeMutex) return false;
     __atomic_store_n(&g_ready, true, __ATOMIC_RELEASE);
     return true;
 }
@@ -103,6 +107,7 @@ uint32_t NodeOf(Mutex *m) {
         if (at != 0) continue;
         if (g_nodeCount + 1 >= kNodeSlots / 4 * 3) return 0;
         const uint32_t node = ++g_nodeCount;
+        g_nodeMutex[node] = key;
         __atomic_store_n(&g_nodeSlots[i].node, node, __ATOMIC_RELAXED);
         __atomic_store_n(&g_nodeSlots[i].mutex, key, __ATOMIC_RELEASE);
         return node;
@@ -118,7 +123,9 @@ void Renew(Mutex *m) {
         const uintptr_t at = __atomic_load_n(&g_nodeSlots[i].mutex, __ATOMIC_RELAXED);
         if (at == 0) return;  // never locked: its node comes with its first lock
         if (at != key) continue;
-        if (g_nodeCount + 1 < kNodeSlots / 4 * 3) __atomic_store_n(&g_nodeSlots[i].node, ++g_nodeCount, __ATOMIC_RELAXED);
+        if (g_nodeCount + 1 >= kNodeSlots / 4 * 3) return;
+        g_nodeMutex[++g_nodeCount] = key;
+        __atomic_store_n(&g_nodeSlots[i].node, g_nodeCount, __ATOMIC_RELAXED);
         return;
     }
 }
@@ -134,59 +141,98 @@ const Edge *FindEdge(uint64_t key) {
     }
 }
 
-// A path from `from` to `to` along the edges, as the first edge of it; null when none.
-const Edge *PathLocked(uint32_t from, uint32_t to) {
+// The shortest path of orders from one node to another, its first steps kept.
+constexpr int kStepsShown = 8;
+struct Path {
+    Edge steps[kStepsShown];
+    int length;  // all its steps, kept or not
+};
+
+bool PathLocked(uint32_t from, uint32_t to, Path *path) {
     const uint32_t search = ++g_search;
-    uint32_t stack[256];
-    const Edge *firstOf[256];
-    int depth = 0;
-    stack[depth] = from;
-    firstOf[depth++] = nullptr;
+    constexpr size_t kQueue = 1024;  // nodes searched at the most
+    uint32_t queue[kQueue];
+    size_t head = 0, tail = 0;
+    queue[tail++] = from;
     g_visited[from] = search;
-    while (depth > 0) {
-        const uint32_t node = stack[--depth];
-        const Edge *first = firstOf[depth];
+    while (head < tail) {
+        const uint32_t node = queue[head++];
         for (uint32_t e = g_firstEdge[node]; e; e = g_edges[e].next) {
-            const Edge &edge = g_edges[e];
-            const auto next = static_cast<uint32_t>(edge.key);
-            const Edge *start = first ? first : &edge;
-            if (next == to) return start;
-            if (g_visited[next] == search || depth == 256) continue;
+            const auto next = static_cast<uint32_t>(g_edges[e].key);
+            if (g_visited[next] == search) continue;
             g_visited[next] = search;
-            stack[depth] = next;
-            firstOf[depth++] = start;
+            g_parentEdge[next] = e;
+            if (next != to) {
+                if (tail < kQueue) queue[tail++] = next;
+                continue;
+            }
+            uint32_t reversed[kQueue];
+            int length = 0;
+            for (uint32_t at = to; at != from && length < static_cast<int>(kQueue);
+                 at = static_cast<uint32_t>(g_edges[g_parentEdge[at]].key >> 32))
+                reversed[length++] = g_parentEdge[at];
+            path->length = length;
+            for (int i = 0; i < length && i < kStepsShown; i++) path->steps[i] = g_edges[reversed[length - 1 - i]];
+            return true;
         }
     }
-    return nullptr;
+    return false;
 }
 
-void ReportInversion(const Taken &before, Mutex *after, uint32_t afterSite, const Edge &opposite) {
+Mutex *MutexOf(uint32_t node) { return reinterpret_cast<Mutex *>(g_nodeMutex[node]); }  // NOLINT(performance-no-int-to-ptr): printed only
+
+// "Mutex 0x.. then Mutex 0x.. in thread n, locked at <site>, then at <site>"
+size_t PutStep(char *out, size_t room, const void *first, const void *second, uint32_t thread, uint32_t firstSite,
+               uint32_t secondSite) {
+    char a[4096], b[4096];
+    vokt::FormatSite(firstSite, a, sizeof a);
+    vokt::FormatSite(secondSite, b, sizeof b);
+    const int n = snprintf(out, room, "Mutex %p then Mutex %p in thread %u, locked at %s, then at %s", first, second,
+                           thread, a, b);
+    return n < 0 ? 0 : (static_cast<size_t>(n) < room ? static_cast<size_t>(n) : room - 1);
+}
+
+void ReportInversion(const Taken &before, Mutex *after, uint32_t afterSite, const Path &opposite) {
     if (!vokt::FirstTime(kInversion, before.site, afterSite)) return;
-    char a[4096], b[4096], c[4096], d[4096], line[17000];
-    vokt::FormatSite(before.site, a, sizeof a);
-    vokt::FormatSite(afterSite, b, sizeof b);
-    vokt::FormatSite(opposite.fromSite, c, sizeof c);
-    vokt::FormatSite(opposite.toSite, d, sizeof d);
-    snprintf(line, sizeof line,
-             "%slock order inversion: Mutex %p then Mutex %p in thread %u, locked at %s, then at %s; "
-             "the opposite order was taken in thread %u, locked at %s, then at %s",
-             kPrefix, static_cast<void *>(before.mutex), static_cast<void *>(after), vokt::ThreadNumber(), a, b,
-             opposite.thread, c, d);
+    constexpr size_t kRoom = 2 * 4096 * (kStepsShown + 1) + 1024;
+    auto *line = static_cast<char *>(vokt::MapZeroed(kRoom));
+    if (!line) return;
+    size_t used = static_cast<size_t>(snprintf(line, kRoom, "%slock order inversion: ", kPrefix));
+    used += PutStep(line + used, kRoom - used, before.mutex, after, vokt::ThreadNumber(), before.site, afterSite);
+    if (opposite.length == 1) {
+        const Edge &e = opposite.steps[0];
+        char c[4096], d[4096];
+        vokt::FormatSite(e.fromSite, c, sizeof c);
+        vokt::FormatSite(e.toSite, d, sizeof d);
+        snprintf(line + used, kRoom - used, "; the opposite order was taken in thread %u, locked at %s, then at %s",
+                 e.thread, c, d);
+    } else {
+        used += static_cast<size_t>(snprintf(line + used, kRoom - used, "; the opposite order was taken in %d steps",
+                                             opposite.length));
+        for (int i = 0; i < opposite.length && i < kStepsShown; i++) {
+            const Edge &e = opposite.steps[i];
+            used += static_cast<size_t>(snprintf(line + used, kRoom - used, "%s", i ? "; " : ": "));
+            used += PutStep(line + used, kRoom - used, MutexOf(static_cast<uint32_t>(e.key >> 32)),
+                            MutexOf(static_cast<uint32_t>(e.key)), e.thread, e.fromSite, e.toSite);
+        }
+        if (opposite.length > kStepsShown)
+            snprintf(line + used, kRoom - used, "; and %d more", opposite.length - kStepsShown);
+    }
     vokt::Report(line);
+    vokt::Unmap(line, kRoom);
 }
 
 // Records "before, then after"; an edge that closes a cycle is reported.
 void Order(const Taken &before, Mutex *after, uint32_t node, uint32_t site) {
     const uint64_t key = EdgeKey(before.node, node);
     if (FindEdge(key)) return;
-    Edge opposite{};
+    Path opposite{};
     bool cycle = false;
     {
         SpinGuard guard(g_graphLock);
         if (FindEdge(key)) return;
         if (g_edgeCount + 1 >= kEdgeSlots / 4 * 3) return;
-        const Edge *path = PathLocked(node, before.node);
-        if (path) opposite = *path, cycle = true;
+        cycle = PathLocked(node, before.node, &opposite);
         const uint32_t mask = kEdgeSlots - 1;
         uint32_t i = Mix(key) & mask;
         while (g_edges[i].key != 0 || i == 0) i = (i + 1) & mask;
