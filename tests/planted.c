@@ -79,7 +79,7 @@ void plant_objects(void) {
     Vector_Add(v, s);
     String_Destroy(s); /* the vector still holds it */
     String *probe = String_NewFromChars("gone");
-    printf("found %d\n", Vector_Contains(v, probe));
+    printf("found %d equal %d\n", Vector_Contains(v, probe), String_Equals(s, probe));
     Vector_Sort(v);
     String_Destroy(probe);
     String_Destroy(s); /* destroyed twice */

@@ -31,10 +31,11 @@ bool IsString(const void *object) {
     return object && static_cast<const Object *>(object)->ftbl == &vokt::kStringClass;
 }
 
-// String_Check, and whether the String can be used at all.
+// String_Check, and whether the String can be used at all (a destroyed one held back by the
+// objects check reads as unset: it is reported and left alone).
 bool Usable(const String *ps) {
     String_Check(ps);
-    return ps != nullptr;
+    return ps != nullptr && !vokt::IsDestroyed(ps);
 }
 
 // A set String with its text: the state in which String_Check has nothing to report.
