@@ -36,7 +36,7 @@ TEST(Checks, LeaksAreReportedByClassAndSite) {
         const Output off = Planted("leaks", "");
         EXPECT_EQ(off.out, "String -1 Vector -1\nreported -1\n");
         EXPECT_EQ(off.err, "");
-        const Output on = Planted("leaks", "leaks,bogus");
+        const Output on = Planted("leaks", "'leaks, bogus'");
         const std::string strings = "2 String (" + std::to_string(2 * sizeof(String)) + " bytes) from load_config+0x";
         const std::string vector = "; 1 Vector (" + std::to_string(sizeof(Vector)) + " bytes) from main+0x";
         EXPECT_EQ(on.out.substr(0, on.out.find("vokt: ")), "String 2 Vector 1\n");

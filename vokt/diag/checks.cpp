@@ -875,26 +875,31 @@ void InstallRecorders() {
 // ---------------------------------------------------------------------------------------
 // The switch.
 
+// A comma-separated list of words; spaces around a word do not count.
 uint32_t ParseChecks(const char *text) {
+    struct Word {
+        const char *word;
+        uint32_t flag;
+    };
+    static constexpr Word kWords[] = {{"leaks", VOKT_CHECK_LEAKS}, {"locks", VOKT_CHECK_LOCKS},
+                                      {"objects", VOKT_CHECK_OBJECTS}, {"all", VOKT_CHECK_ALL}};
     uint32_t flags = 0;
     for (const char *p = text; p && *p;) {
-        const size_t length = strcspn(p, ",");
-        struct Word {
-            const char *word;
-            uint32_t flag;
-        };
-        static constexpr Word kWords[] = {{"leaks", VOKT_CHECK_LEAKS}, {"locks", VOKT_CHECK_LOCKS},
-                                          {"objects", VOKT_CHECK_OBJECTS}, {"all", VOKT_CHECK_ALL}};
+        const size_t span = strcspn(p, ",");
+        const char *word = p;
+        size_t length = span;
+        while (length > 0 && *word == ' ') word++, length--;
+        while (length > 0 && word[length - 1] == ' ') length--;
         bool known = length == 0;
         for (const auto &w : kWords)
-            if (strlen(w.word) == length && strncmp(p, w.word, length) == 0) flags |= w.flag, known = true;
+            if (strlen(w.word) == length && strncmp(word, w.word, length) == 0) flags |= w.flag, known = true;
         if (!known) {
             char line[320];
             Put(line, sizeof line, "%sVOKT_CHECK: unknown check \"%.*s\" ignored", kPrefix,
-                     static_cast<int>(length > 200 ? 200 : length), p);
+                static_cast<int>(length > 200 ? 200 : length), word);
             vokt::Report(line);
         }
-        p += length + (p[length] == ',' ? 1 : 0);
+        p += span + (p[span] == ',' ? 1 : 0);
     }
     return flags;
 }
