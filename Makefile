@@ -118,6 +118,9 @@ coverage: deps
 	@cmake --build build-cov -j$(JOBS)
 	@find build-cov -name '*.gcda' -delete
 	@ctest --test-dir build-cov -j$(JOBS) >/dev/null || { ctest --test-dir build-cov --rerun-failed --output-on-failure; exit 1; }
+	@# and again with every check on, as CI runs it: the hooks' other side, in every place they are inlined
+	@VOKT_CHECK=all ctest --test-dir build-cov -j$(JOBS) >/dev/null || \
+	  { VOKT_CHECK=all ctest --test-dir build-cov --rerun-failed --output-on-failure; exit 1; }
 	@gcovr -r . --object-directory build-cov --filter 'vokt/' --exclude-unreachable-branches --exclude-throw-branches \
 	  --txt build-cov/coverage.txt --fail-under-line $(COVERAGE_LINES) --fail-under-branch $(COVERAGE_BRANCHES) \
 	  --print-summary; status=$$?; cat build-cov/coverage.txt; exit $$status

@@ -70,9 +70,10 @@ constexpr char kPrefix[] = "vokt: ";
 [[gnu::format(printf, 3, 4)]] int Put(char *out, size_t room, const char *format, ...) {
     va_list args;
     va_start(args, format);
-    const int n = vsnprintf(out, room, format, args);
+    out[0] = '\0';
+    vsnprintf(out, room, format, args);
     va_end(args);
-    return n < 0 ? 0 : (static_cast<size_t>(n) < room ? n : static_cast<int>(room ? room - 1 : 0));
+    return static_cast<int>(strlen(out));
 }
 
 // ---------------------------------------------------------------------------------------
@@ -159,7 +160,6 @@ bool InLibrary(void *pc) {
 }
 inline uintptr_t StackEnd() {
     vokt::CheckThread *me = vokt::Me();
-    if (!me) return 0;
     return me->stackEnd ? me->stackEnd : AskStackEnd(me);
 }
 
@@ -461,7 +461,12 @@ void MakeThreadKey() { pthread_key_create(&g_threadKey, ThreadGone); }
 
 CheckThread *MakeCheckThread() {
     auto *me = static_cast<CheckThread *>(MapZeroed(sizeof(CheckThread)));
-    if (!me) return nullptr;
+    if (!me) {
+        // No memory for a thread's part: such threads share one, and their reports may mix
+        // up their holds, which is better than no checks at all.
+        static CheckThread shared;
+        return t_checkThread = &shared;
+    }
     pthread_once(&g_threadKeyOnce, MakeThreadKey);
     pthread_setspecific(g_threadKey, me);
     t_checkThread = me;
@@ -470,18 +475,17 @@ CheckThread *MakeCheckThread() {
 
 uint32_t ThreadNumber() {
     CheckThread *me = Me();
-    if (!me) return 0;
     if (me->number == 0) me->number = __atomic_add_fetch(&g_threadCount, 1, __ATOMIC_RELAXED);
     return me->number;
 }
 
 void Report(const char *line) {
     CheckThread *me = Me();
-    if (me) me->reporting++;
+    me->reporting++;
     fprintf(stderr, "%s\n", line);
     fflush(stderr);
     Log_Write(0, "%s", line);
-    if (me) me->reporting--;
+    me->reporting--;
 }
 
 }  // namespace vokt
@@ -601,7 +605,7 @@ void EachRecord(Visit visit) {
 void Remember(void *block, size_t size, uint32_t site) {
     const vokt::CheckThread *me = vokt::Me();
     const uint32_t generation = __atomic_load_n(&g_generation, __ATOMIC_RELAXED) << kGenerationShift;
-    Insert(Record{reinterpret_cast<uintptr_t>(block), size, nullptr, site, generation | (me && me->kept ? kKept : 0u)});
+    Insert(Record{reinterpret_cast<uintptr_t>(block), size, nullptr, site, generation | (me->kept ? kKept : 0u)});
 }
 
 // ---------------------------------------------------------------------------------------
@@ -921,7 +925,7 @@ bool PrepareTables() {
 
 void SetChecks(uint32_t flags) {
     flags &= VOKT_CHECK_ALL;
-    if (flags && !PrepareTables()) {
+    if ((flags && !PrepareTables()) || ((flags & VOKT_CHECK_LOCKS) && !vokt::PrepareLockOrder())) {
         fprintf(stderr, "%sthe checks could not map their tables; they stay off\n", kPrefix);
         return;
     }
@@ -953,7 +957,7 @@ void NoteClass(void *object, const ClassDescriptor *cls) { SetClass(reinterpret_
 void ReleaseQuarantined() { ReleaseQuarantine(0); }
 
 KeptForProcess::KeptForProcess() {
-    if (Checking(kCheckLeaks | kCheckObjects) && (me_ = Me())) me_->kept++;
+    if (Checking(kCheckLeaks | kCheckObjects)) (me_ = Me())->kept++;
 }
 KeptForProcess::~KeptForProcess() {
     if (me_) me_->kept--;

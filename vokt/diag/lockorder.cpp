@@ -47,18 +47,18 @@ SpinLock g_graphLock;
 SpinLock g_nodeLock;
 
 using vokt::Taken;
-constexpr int kHeld = 32;  // the Mutexes a thread holds, in the order taken (more are counted)
+constexpr int kHeld = vokt::kHeldKept;
 
 uint32_t g_lockEpoch = 0;
 
 // The calling thread's part, its holds forgotten when `locks` has been switched on since.
 vokt::CheckThread *Holder() {
     vokt::CheckThread *me = vokt::Me();
-    if (!me) return nullptr;
     const uint32_t epoch = __atomic_load_n(&g_lockEpoch, __ATOMIC_RELAXED);
     if (me->lockEpoch != epoch) {
         me->lockEpoch = epoch;
         me->heldCount = 0;
+        me->unkept = 0;
     }
     return me;
 }
@@ -74,21 +74,9 @@ uint32_t Mix(uint64_t key) {
 
 bool g_ready = false;
 
-[[gnu::noinline]] bool Prepare() {
-    static SpinLock once;
-    SpinGuard guard(once);
-    if (g_ready) return true;
-    g_nodeSlots = static_cast<NodeSlot *>(vokt::MapZeroed(kNodeSlots * sizeof(NodeSlot)));
-    g_edges = static_cast<Edge *>(vokt::MapZeroed(kEdgeSlots * sizeof(Edge)));
-    g_firstEdge = static_cast<uint32_t *>(vokt::MapZeroed(kNodeSlots * sizeof(uint32_t)));
-    g_visited = static_cast<uint32_t *>(vokt::MapZeroed(kNodeSlots * sizeof(uint32_t)));
-    g_parentEdge = static_cast<uint32_t *>(vokt::MapZeroed(kNodeSlots * sizeof(uint32_t)));
-    g_nodeMutex = static_cast<uintptr_t *>(vokt::MapZeroed(kNodeSlots * sizeof(uintptr_t)));
-    if (!g_nodeSlots || !g_edges || !g_firstEdge || !g_visited || !g_parentEdge || !g_nodeMutex) return false;
-    __atomic_store_n(&g_ready, true, __ATOMIC_RELEASE);
-    return true;
-}
-inline bool Ready() { return __atomic_load_n(&g_ready, __ATOMIC_ACQUIRE) || Prepare(); }
+// The tables are made when `locks` is first switched on (vokt::PrepareLockOrder), before any
+// hook can run; the hooks still see them through this acquire, whatever the machine.
+inline bool Ready() { return __atomic_load_n(&g_ready, __ATOMIC_ACQUIRE); }
 
 // The node of a Mutex, made at its first lock. 0 when the table is full: that Mutex then
 // takes no part.
@@ -182,14 +170,14 @@ bool PathLocked(uint32_t from, uint32_t to, Path *path) {
 Mutex *MutexOf(uint32_t node) { return reinterpret_cast<Mutex *>(g_nodeMutex[node]); }  // NOLINT(performance-no-int-to-ptr): printed only
 
 // "Mutex 0x.. then Mutex 0x.. in thread n, locked at <site>, then at <site>"
+// "Mutex 0x.. then Mutex 0x.. in thread n, locked at <site>, then at <site>"
 size_t PutStep(char *out, size_t room, const void *first, const void *second, uint32_t thread, uint32_t firstSite,
                uint32_t secondSite) {
     char a[4096], b[4096];
     vokt::FormatSite(firstSite, a, sizeof a);
     vokt::FormatSite(secondSite, b, sizeof b);
-    const int n = snprintf(out, room, "Mutex %p then Mutex %p in thread %u, locked at %s, then at %s", first, second,
-                           thread, a, b);
-    return n < 0 ? 0 : (static_cast<size_t>(n) < room ? static_cast<size_t>(n) : room - 1);
+    snprintf(out, room, "Mutex %p then Mutex %p in thread %u, locked at %s, then at %s", first, second, thread, a, b);
+    return strlen(out);
 }
 
 void ReportInversion(const Taken &before, Mutex *after, uint32_t afterSite, const Path &opposite) {
@@ -252,16 +240,31 @@ void Order(const Taken &before, Mutex *after, uint32_t node, uint32_t site) {
 
 namespace vokt {
 
+bool PrepareLockOrder() {
+    static SpinLock once;
+    SpinGuard guard(once);
+    if (g_ready) return true;
+    g_nodeSlots = static_cast<NodeSlot *>(MapZeroed(kNodeSlots * sizeof(NodeSlot)));
+    g_edges = static_cast<Edge *>(MapZeroed(kEdgeSlots * sizeof(Edge)));
+    g_firstEdge = static_cast<uint32_t *>(MapZeroed(kNodeSlots * sizeof(uint32_t)));
+    g_visited = static_cast<uint32_t *>(MapZeroed(kNodeSlots * sizeof(uint32_t)));
+    g_parentEdge = static_cast<uint32_t *>(MapZeroed(kNodeSlots * sizeof(uint32_t)));
+    g_nodeMutex = static_cast<uintptr_t *>(MapZeroed(kNodeSlots * sizeof(uintptr_t)));
+    if (!g_nodeSlots || !g_edges || !g_firstEdge || !g_visited || !g_parentEdge || !g_nodeMutex) return false;
+    __atomic_store_n(&g_ready, true, __ATOMIC_RELEASE);
+    return true;
+}
+
 void LocksSwitchedOn() { __atomic_add_fetch(&g_lockEpoch, 1, __ATOMIC_RELAXED); }
 
 void LocksAtThreadEnd(CheckThread *me) {
     if (!Checking(kCheckLocks) || me->lockEpoch != __atomic_load_n(&g_lockEpoch, __ATOMIC_RELAXED)) return;
-    for (int i = 0; i < me->heldCount && i < kHeld; i++) {
+    for (int i = 0; i < me->heldCount; i++) {
         const Taken &held = me->held[i];
         if (!FirstTime(kEndedHolding, held.site, 0)) continue;
         char locked[4096], line[4400];
         FormatSite(held.site, locked, sizeof locked);
-        snprintf(line, sizeof line, "%sthread %u ended holding Mutex %p, locked at %s", kPrefix, me->number ? me->number : ThreadNumber(),
+        snprintf(line, sizeof line, "%sthread %u ended holding Mutex %p, locked at %s", kPrefix, ThreadNumber(),
                  static_cast<void *>(held.mutex), locked);
         Report(line);
     }
@@ -270,43 +273,41 @@ void LocksAtThreadEnd(CheckThread *me) {
 
 void LockTaken(Mutex *m) {
     CheckThread *me = Holder();
-    if (!me || me->reporting || !Ready()) return;
-    Taken *t_held = me->held;
-    int &t_heldCount = me->heldCount;
-    for (int i = t_heldCount < kHeld ? t_heldCount : kHeld; i-- > 0;)
-        if (t_held[i].mutex == m) {  // a deeper hold: no new order
-            t_held[i].depth++;
+    if (me->reporting || !Ready()) return;
+    Taken *held = me->held;
+    for (int i = me->heldCount; i-- > 0;)
+        if (held[i].mutex == m) {  // a deeper hold: no new order
+            held[i].depth++;
             return;
         }
     const uint32_t node = NodeOf(m);
     if (node == 0) return;
     const uint32_t site = CaptureSite();
-    for (int i = 0; i < t_heldCount && i < kHeld; i++) Order(t_held[i], m, node, site);
-    if (t_heldCount < kHeld) t_held[t_heldCount] = Taken{m, node, site, 1};
-    t_heldCount++;
+    for (int i = 0; i < me->heldCount; i++) Order(held[i], m, node, site);
+    if (me->heldCount < kHeld)
+        held[me->heldCount++] = Taken{m, node, site, 1};
+    else
+        me->unkept++;  // no room: counted, so that its unlock is not taken for another thread's
 }
 
 void UnlockSeen(Mutex *m) {
     CheckThread *me = Holder();
-    if (!me || me->reporting || !Ready()) return;
-    Taken *t_held = me->held;
-    int &t_heldCount = me->heldCount;
-    const int top = t_heldCount < kHeld ? t_heldCount : kHeld;
-    for (int i = top; i-- > 0;) {
-        if (t_held[i].mutex != m) continue;
-        if (--t_held[i].depth == 0) {
-            for (int j = i + 1; j < top; j++) t_held[j - 1] = t_held[j];  // most often none: the last taken goes first
-            t_heldCount--;
+    if (me->reporting || !Ready()) return;
+    Taken *held = me->held;
+    for (int i = me->heldCount; i-- > 0;) {
+        if (held[i].mutex != m) continue;
+        if (--held[i].depth == 0) {
+            for (int j = i + 1; j < me->heldCount; j++) held[j - 1] = held[j];  // most often none: the last taken goes first
+            me->heldCount--;
         }
-        return;
-    }
-    if (t_heldCount > kHeld) {  // held beyond what the stack keeps: trust the count
-        t_heldCount--;
         return;
     }
     // Not held here: by another thread, by nobody, or taken before the check was on. The
     // Mutex's own owner tells which.
-    if (LoadOwner(m) == pthread_self()) return;
+    if (LoadOwner(m) == pthread_self()) {
+        if (me->unkept > 0) me->unkept--;
+        return;
+    }
     const uint32_t site = CaptureSite();
     if (!FirstTime(kForeignUnlock, site, 0)) return;
     char here[4096], line[4400];
@@ -322,7 +323,7 @@ void MutexMade(Mutex *m) {
 
 void WaitEntered(const char *what) {
     const CheckThread *me = Holder();
-    if (!me || me->reporting || me->heldCount == 0 || !Ready()) return;
+    if (me->reporting || me->heldCount == 0 || !Ready()) return;
     const Taken &held = me->held[0];
     const uint32_t site = CaptureSite();
     if (!FirstTime(kHoldAndWait, site, held.site)) return;

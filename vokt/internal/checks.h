@@ -69,24 +69,28 @@ struct Taken {  // a Mutex the thread holds
     uint32_t site;
     uint32_t depth;
 };
+constexpr int kHeldKept = 32;  // Mutexes a thread holds that it keeps, in the order taken
 struct CheckThread {
     int reporting;      // inside a report: the hooks stand aside
     int kept;           // depth of KeptForProcess scopes
     uint32_t number;    // the thread's number in reports
     uintptr_t stackEnd;  // 0 until asked
     uint32_t lockEpoch;  // the switching-on of `locks` that heldCount belongs to
-    int heldCount;
-    Taken held[32];
+    int heldCount;       // kept in held
+    int unkept;          // held beyond those: only counted
+    Taken held[kHeldKept];
 };
 extern __thread CheckThread *t_checkThread __attribute__((tls_model("initial-exec")));
 CheckThread *MakeCheckThread();
-// The calling thread's part; null only when no memory could be mapped for it.
+// The calling thread's part.
 inline CheckThread *Me() { return t_checkThread ? t_checkThread : MakeCheckThread(); }
 // A thread that ends with Mutexes held is reported (called as its part is released).
 void LocksAtThreadEnd(CheckThread *me);
 // Holds recorded before `locks` was last switched on are forgotten: the unlocks made while it
 // was off were never seen.
 void LocksSwitchedOn();
+// The lock checks' tables, made once; false when no memory could be mapped for them.
+bool PrepareLockOrder();
 
 // A short lock for the checks' own tables: they must never go through the hooks they serve.
 class SpinLock {
@@ -123,10 +127,7 @@ uint32_t ThreadNumber();
 // One report line, on standard error and in the log at level 0. While it is written, the
 // hooks of the calling thread stand aside (the log locks and allocates).
 void Report(const char *line);
-inline bool Reporting() {
-    const CheckThread *me = Me();
-    return !me || me->reporting != 0;
-}
+inline bool Reporting() { return Me()->reporting != 0; }
 void LockOrderForkPrepare();
 void LockOrderForkRelease();
 

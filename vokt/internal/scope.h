@@ -25,10 +25,10 @@ private:
 // Holds a vector's own lock when it is synchronised; a no-op otherwise.
 class VectorGuard {
 public:
-    [[gnu::always_inline]] explicit VectorGuard(Vector *v) : m_(v && v->bSynchronized ? v->mutex : nullptr) {
+    explicit VectorGuard(Vector *v) : m_(v && v->bSynchronized ? v->mutex : nullptr) {
         if (m_) Lock(m_);
     }
-    [[gnu::always_inline]] ~VectorGuard() {
+    ~VectorGuard() {
         if (m_) Unlock(m_);
     }
     // Leaves the lock held on purpose (a failure path that keeps it).
