@@ -36,7 +36,7 @@ TEST(Checks, LeaksAreReportedByClassAndSite) {
         const Output off = Planted("leaks", "");
         EXPECT_EQ(off.out, "String -1 Vector -1\nreported -1\n");
         EXPECT_EQ(off.err, "");
-        const Output on = Planted("leaks", "'leaks, bogus'");
+        const Output on = Planted("leaks", "' leaks , bogus'");
         const std::string strings = "2 String (" + std::to_string(2 * sizeof(String)) + " bytes) from load_config+0x";
         const std::string vector = "; 1 Vector (" + std::to_string(sizeof(Vector)) + " bytes) from main+0x";
         EXPECT_EQ(on.out.substr(0, on.out.find("vokt: ")), "String 2 Vector 1\n");
@@ -111,12 +111,39 @@ TEST(Checks, SwitchedFromCodeHeldBackWithinBoundsAndReleased) {
         String_Destroy(s);
         EXPECT_EQ(Runtime_CountLive("String"), strings);
         EXPECT_EQ(test::LiveBlocks(), blocks + 1);  // the record, held back
+        testing::internal::CaptureStderr();
+        for (int i = 0; i < 2; i++) EXPECT_EQ(String_Length(s), 0);  // one site: one report
+        const std::string use = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(use.find("vokt: String used after it was destroyed at "), 0u) << use;
+        EXPECT_EQ(test::Count(use, "vokt: "), 1) << use;
         for (int i = 0; i < 100000; i++) String_Destroy(String_New());
         EXPECT_LE(test::LiveBlocks(), blocks + 65536);  // the quarantine keeps the newest only
         Runtime_SetChecks(0);
         EXPECT_EQ(test::LiveBlocks(), blocks);
         EXPECT_EQ(Runtime_CountLive(nullptr), -1);
         EXPECT_EQ(Runtime_ReportLeaks(nullptr), -1);
+    }));
+}
+
+// Not a tail call: each level keeps its frame.
+[[gnu::noinline]] String *Nest(int depth) {
+    String *made = depth == 0 ? String_New() : Nest(depth - 1);
+    asm volatile("" ::: "memory");
+    return made;
+}
+
+// Chains of calls that differ only beyond the frames a site keeps print alike, and count as
+// one site.
+TEST(Checks, SitesThatPrintAlikeAreOne) {
+    EXPECT_EQ(0, test::InChild([] {
+        Runtime_SetChecks(VOKT_CHECK_LEAKS);
+        String *deep = Nest(12), *deeper = Nest(13);
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(Runtime_ReportLeaks(nullptr), 2);
+        const std::string report = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(report.find("vokt: 2 objects alive now: 2 String ("), 0u) << report;
+        for (String *s : {deep, deeper}) String_Destroy(s);
+        Runtime_SetChecks(0);
     }));
 }
 
@@ -156,10 +183,12 @@ std::string Address(const void *p) {
 // until a wait is entered while one is held.
 TEST(Checks, HoldsInAnyOrderAreFollowedExactly) {
     EXPECT_EQ(0, test::InChild([] {
-        Runtime_SetChecks(VOKT_CHECK_LOCKS);
         static Mutex many[40];
         for (Mutex &m : many) Mutex_Init(&m);
+        Mutex_Lock(&many[0]);  // before the check: its unlock is this thread's own all the same
+        Runtime_SetChecks(VOKT_CHECK_LOCKS);
         testing::internal::CaptureStderr();
+        Mutex_Unlock(&many[0]);
         for (Mutex &m : many) Mutex_Lock(&m);
         Mutex_Lock(&many[3]);
         for (int i : {3, 3, 0, 39, 20, 5}) Mutex_Unlock(&many[i]);
@@ -183,6 +212,41 @@ TEST(Checks, HoldsInAnyOrderAreFollowedExactly) {
     }));
 }
 
+void *KeepsTheLock(void *m) {
+    Mutex_Lock(static_cast<Mutex *>(m));
+    return nullptr;
+}
+
+// Each mistake is said once for each pair of sites, whichever Mutexes it was made with.
+TEST(Checks, EachMistakeIsReportedOncePerPairOfSites) {
+    EXPECT_EQ(0, test::InChild([] {
+        Runtime_SetChecks(VOKT_CHECK_LOCKS);
+        static Mutex m[4];
+        for (Mutex &x : m) Mutex_Init(&x);
+        Event set;
+        Event_Init(&set);
+        Event_SetState(&set, 1);
+        testing::internal::CaptureStderr();
+        for (int i = 0; i < 2; i++) {
+            InOrder(&m[2 * i], &m[2 * i + 1]);
+            InOrder(&m[2 * i + 1], &m[2 * i]);
+            Mutex_Lock(&m[i]);
+            Event_Wait(&set);
+            Mutex_Unlock(&m[i]);
+            Thread t;
+            Thread_CreateJoinable(&t, KeepsTheLock, &m[i]);
+            Thread_Join(t);
+            Mutex_Unlock(&m[i]);
+        }
+        const std::string reports = testing::internal::GetCapturedStderr();
+        for (const char *kind : {"vokt: lock order inversion: ", "vokt: wait on an Event at ", " ended holding Mutex ",
+                                 " unlocked by a thread that does not hold it, at "})
+            EXPECT_EQ(test::Count(reports, kind), 1) << kind << "\n" << reports;
+        Event_Destroy(&set);
+        Runtime_SetChecks(0);
+    }));
+}
+
 // A cycle of any length is reported step by step, on the order that closes it. Orders belong
 // to a Mutex as initialised: made again, it starts with none.
 TEST(Checks, CyclesAreReportedStepByStepAndAMutexMadeAgainStartsAfresh) {
@@ -200,6 +264,17 @@ TEST(Checks, CyclesAreReportedStepByStepAndAMutexMadeAgainStartsAfresh) {
         EXPECT_NE(cycle.find("; the opposite order was taken in 2 steps: Mutex " + A + " then Mutex " + B + " in thread "),
                   std::string::npos) << cycle;
         EXPECT_NE(cycle.find("; Mutex " + B + " then Mutex " + C + " in thread "), std::string::npos) << cycle;
+        testing::internal::CaptureStderr();
+        InOrder(&c, &a);  // from the same sites again: said once
+        EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+        static Mutex chain[10];  // a longer cycle shows its first 8 steps
+        for (Mutex &m : chain) Mutex_Init(&m);
+        for (int i = 0; i < 9; i++) InOrder(&chain[i], &chain[i + 1]);
+        testing::internal::CaptureStderr();
+        InOrder(&chain[9], &chain[0]);
+        const std::string longer = testing::internal::GetCapturedStderr();
+        EXPECT_NE(longer.find("; the opposite order was taken in 9 steps: Mutex " + Address(&chain[0])), std::string::npos);
+        EXPECT_EQ(longer.substr(longer.size() - 13), "; and 1 more\n") << longer;
         testing::internal::CaptureStderr();
         Mutex_Init(&a);
         InOrder(&b, &a);

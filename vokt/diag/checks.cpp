@@ -96,12 +96,35 @@ struct Site {
     uint32_t first;      // the first frame of the program
     uint32_t count;      // frames kept from first
     uint32_t reach;      // the highest slot offset read, checked against the stack's end
+    uint32_t same;       // the first site that prints as this one (itself, most often)
     void *pc[kAsked];
     uint32_t slot[kAsked];
 };
 
 Site *g_sites = nullptr;  // kSites entries; entry 0 stands for "no site"
 SpinLock g_siteLock;
+// Sites by the frames they print, so that chains that differ only beyond them (or in their
+// stack depth) count as one site in reports: kSites entries, each a site index (0: empty).
+uint32_t *g_printedAs = nullptr;
+
+uint32_t FramesHash(const Site &site) {
+    uint64_t h = site.count;
+    for (uint32_t i = 0; i < site.count; i++)
+        h = (h ^ reinterpret_cast<uintptr_t>(site.pc[site.first + i])) * 0x100000001B3ull;
+    return static_cast<uint32_t>(h ^ h >> 32);
+}
+
+bool SameFrames(const Site &a, const Site &b) {
+    return a.count == b.count && memcmp(&a.pc[a.first], &b.pc[b.first], a.count * sizeof(void *)) == 0;
+}
+
+// The first site that prints as fresh (to be stored at index), under g_siteLock.
+uint32_t PrintedAsLocked(const Site &fresh, uint32_t index) {
+    for (uint32_t i = FramesHash(fresh) & (kSites - 1);; i = (i + 1) & (kSites - 1)) {
+        if (g_printedAs[i] == 0) return g_printedAs[i] = index;
+        if (SameFrames(g_sites[g_printedAs[i]], fresh)) return g_printedAs[i];
+    }
+}
 uint32_t g_siteCount = 0;
 
 // The executable range of the library itself: its frames are skipped in sites. Linked into
@@ -228,14 +251,14 @@ VOKT_READS_OTHER_FRAMES void FindSlots(Site &site, const char *frame, uint32_t w
     if (g_siteCount + 1 >= kSites / 4 * 3) return 0;  // full: later sites print as unknown
     for (uint32_t i = hash & (kSites - 1);; i = (i + 1) & (kSites - 1)) {
         Site &slot = g_sites[i];
-        if (i == 0) continue;
         if (__atomic_load_n(&slot.ret, __ATOMIC_RELAXED) != 0) continue;
         const uintptr_t key = fresh.ret;
         fresh.ret = 0;
+        fresh.same = PrintedAsLocked(fresh, i);
         slot = fresh;
         __atomic_store_n(&slot.ret, key, __ATOMIC_RELEASE);
         g_siteCount++;
-        return i;
+        return slot.same;
     }
 }
 
@@ -244,16 +267,14 @@ VOKT_READS_OTHER_FRAMES void FindSlots(Site &site, const char *frame, uint32_t w
 namespace vokt {
 
 [[gnu::noinline]] uint32_t CaptureSite() {
-    if (!g_sites) return 0;
     const auto *frame = static_cast<const char *>(__builtin_frame_address(0));
     const auto ret = reinterpret_cast<uintptr_t>(__builtin_return_address(0));
     const uint32_t hash = Mix(ret, reinterpret_cast<uintptr_t>(frame));
     for (uint32_t i = hash & (kSites - 1);; i = (i + 1) & (kSites - 1)) {
-        if (i == 0) continue;
         const Site &site = g_sites[i];
         const uintptr_t key = __atomic_load_n(&site.ret, __ATOMIC_ACQUIRE);
         if (key == 0) break;
-        if (key == ret && site.frame == reinterpret_cast<uintptr_t>(frame) && Confirmed(site, frame)) return i;
+        if (key == ret && site.frame == reinterpret_cast<uintptr_t>(frame) && Confirmed(site, frame)) return site.same;
     }
     return NewSite(ret, frame, hash);
 }
@@ -413,7 +434,7 @@ uint32_t g_threadCount = 0;
 namespace vokt {
 
 void FormatSite(uint32_t site, char *out, size_t room) {
-    if (site == 0 || !g_sites || g_sites[site].count == 0) {
+    if (g_sites[site].count == 0) {
         Put(out, room, "an unknown site");
         return;
     }
@@ -423,14 +444,11 @@ void FormatSite(uint32_t site, char *out, size_t room) {
     for (uint32_t i = 0; i < at.count && used + 1 < room; i++) {
         char frame[1200];
         FormatFrame(at.pc[at.first + i], frame, sizeof frame);
-        const int n = Put(out + used, room - used, "%s%s", i ? " <- " : "", frame);
-        if (n < 0) break;
-        used += static_cast<size_t>(n);
+        used += static_cast<size_t>(Put(out + used, room - used, "%s%s", i ? " <- " : "", frame));
     }
 }
 
 bool FirstTime(uint32_t kind, uint64_t a, uint64_t b) {
-    if (!g_seen) return true;
     const uint64_t key = (static_cast<uint64_t>(kind) << 60) ^ (a << 30) ^ b ^ 1;
     SpinGuard guard(g_seenLock);
     for (uint32_t i = Mix(static_cast<uintptr_t>(key), 0) & (kSeenSlots - 1), n = 0; n < kSeenSlots;
@@ -638,7 +656,7 @@ void ReportUse(const void *object);
 void ZombieDestroy(void *object) { ReportUse(object); }
 int32_t ZombieEquals(const void *probe, const void *stored) {
     ReportUse(probe);
-    if (stored) vokt::IsDestroyed(stored);
+    vokt::IsDestroyed(stored);
     return 0;
 }
 int ZombieCompare(const void *pa, const void *pb) {
@@ -714,7 +732,7 @@ void ReleaseQuarantine(size_t bytes) {
 }
 
 void Quarantine(void *block, Record r) {
-    const Zombie *z = g_quarantine ? ZombieFor(r.cls, vokt::CaptureSite()) : nullptr;
+    const Zombie *z = ZombieFor(r.cls, vokt::CaptureSite());
     if (!z) {
         vokt::g_program.Free(block);
         return;
@@ -736,7 +754,7 @@ void Quarantine(void *block, Record r) {
 // The leak report: live objects and blocks grouped by class and site, most numerous first.
 
 struct Group {
-    const char *name;  // the class; null for blocks
+    const ClassDescriptor *cls;  // null for blocks
     uint32_t site;
     uint64_t count;
     uint64_t bytes;
@@ -755,10 +773,9 @@ bool Reported(const Record &r) {
 }
 
 bool Add(Tally &t, const Record &r) {
-    const char *name = r.cls ? r.cls->name : nullptr;
     for (size_t i = 0; i < t.count; i++) {
         Group &g = t.groups[i];
-        if (g.site == r.site && (g.name == name || (g.name && name && strcmp(g.name, name) == 0))) {
+        if (g.site == r.site && g.cls == r.cls) {
             g.count++;
             g.bytes += r.size;
             return true;
@@ -773,7 +790,7 @@ bool Add(Tally &t, const Record &r) {
         t.groups = groups;
         t.capacity = capacity;
     }
-    t.groups[t.count++] = Group{name, r.site, 1, r.size};
+    t.groups[t.count++] = Group{r.cls, r.site, 1, r.size};
     return true;
 }
 
@@ -789,7 +806,7 @@ int64_t WriteLeaks(FILE *out, const char *when) {
         const auto *x = static_cast<const Group *>(a);
         const auto *y = static_cast<const Group *>(b);
         if (x->count != y->count) return x->count > y->count ? -1 : 1;
-        return (x->name != nullptr) == (y->name != nullptr) ? 0 : (x->name ? -1 : 1);
+        return static_cast<int>(y->cls != nullptr) - static_cast<int>(x->cls != nullptr);  // objects first
     });
     constexpr size_t kShownGroups = 20;
     const size_t room = 4096 * (kShownGroups + 1);
@@ -805,7 +822,7 @@ int64_t WriteLeaks(FILE *out, const char *when) {
         const Group &g = t.groups[i];
         char site[3800];
         vokt::FormatSite(g.site, site, sizeof site);
-        const char *name = g.name ? g.name : (g.count == 1 ? "block" : "blocks");
+        const char *name = g.cls ? g.cls->name : (g.count == 1 ? "block" : "blocks");
         used += static_cast<size_t>(Put(line + used, room - used, "%s %llu %s (%llu bytes) from %s", i ? ";" : "",
                                              static_cast<unsigned long long>(g.count), name,
                                              static_cast<unsigned long long>(g.bytes), site));
@@ -888,7 +905,7 @@ uint32_t ParseChecks(const char *text) {
     static constexpr Word kWords[] = {{"leaks", VOKT_CHECK_LEAKS}, {"locks", VOKT_CHECK_LOCKS},
                                       {"objects", VOKT_CHECK_OBJECTS}, {"all", VOKT_CHECK_ALL}};
     uint32_t flags = 0;
-    for (const char *p = text; p && *p;) {
+    for (const char *p = text; *p;) {
         const size_t span = strcspn(p, ",");
         const char *word = p;
         size_t length = span;
@@ -915,8 +932,10 @@ bool PrepareTables() {
     if (ready) return true;
     g_sites = static_cast<Site *>(vokt::MapZeroed(kSites * sizeof(Site)));
     g_seen = static_cast<uint64_t *>(vokt::MapZeroed(kSeenSlots * sizeof(uint64_t)));
+    g_printedAs = static_cast<uint32_t *>(vokt::MapZeroed(kSites * sizeof(uint32_t)));
     g_quarantine = static_cast<void **>(vokt::MapZeroed(kQuarantineSlots * sizeof(void *)));
-    if (!g_sites || !g_seen || !g_quarantine) return false;
+    if (!g_sites || !g_seen || !g_quarantine || !g_printedAs) return false;
+    g_sites[0].ret = 1;  // entry 0 stands for no site: a key no return address has, and no frames
     FindOwnCode();
     FindAddr2line();
     ready = true;

@@ -223,7 +223,7 @@ void Order(const Taken &before, Mutex *after, uint32_t node, uint32_t site) {
         cycle = PathLocked(node, before.node, &opposite);
         const uint32_t mask = kEdgeSlots - 1;
         uint32_t i = Mix(key) & mask;
-        while (g_edges[i].key != 0 || i == 0) i = (i + 1) & mask;
+        while (g_edges[i].key != 0) i = (i + 1) & mask;
         Edge &edge = g_edges[i];
         edge.fromSite = before.site;
         edge.toSite = site;
@@ -251,6 +251,7 @@ bool PrepareLockOrder() {
     g_parentEdge = static_cast<uint32_t *>(MapZeroed(kNodeSlots * sizeof(uint32_t)));
     g_nodeMutex = static_cast<uintptr_t *>(MapZeroed(kNodeSlots * sizeof(uintptr_t)));
     if (!g_nodeSlots || !g_edges || !g_firstEdge || !g_visited || !g_parentEdge || !g_nodeMutex) return false;
+    g_edges[0].key = ~0ull;  // edge 0 ends the lists of edges: a key no pair of nodes has
     __atomic_store_n(&g_ready, true, __ATOMIC_RELEASE);
     return true;
 }
