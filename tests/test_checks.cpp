@@ -4,12 +4,25 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <string>
 
 #include "support.h"
 #include "vokt/vokt.h"
 
 namespace {
+
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kThreadSanitizer = true;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+constexpr bool kThreadSanitizer = true;
+#else
+constexpr bool kThreadSanitizer = false;
+#endif
+#else
+constexpr bool kThreadSanitizer = false;
+#endif
 
 struct Output {
     std::string out, err, log;
@@ -18,10 +31,12 @@ struct Output {
 // Runs the program of planted mistakes in the current (temporary) directory with the given
 // checks; the sanitizers' own reports of these mistakes are kept out of its output.
 Output Planted(const char *mistakes, const char *checks) {
-    const char *emulator = getenv("VOKT_TEST_EMULATOR");
+    // The emulator of a cross build is found before the checks' own PATH (if any) is set.
+    const std::string emulator = getenv("VOKT_TEST_EMULATOR") ? getenv("VOKT_TEST_EMULATOR") : "";
+    const size_t space = std::min(emulator.find(' '), emulator.size());
+    const std::string run = emulator.empty() ? "" : "$(command -v " + emulator.substr(0, space) + ")" + emulator.substr(space);
     const std::string command = std::string("env ASAN_OPTIONS=detect_leaks=0 TSAN_OPTIONS=detect_deadlocks=0:report_mutex_bugs=0 VOKT_CHECK=") +
-                                checks + " " + (emulator ? emulator : "") + " '" VOKT_PLANTED "' " + mistakes +
-                                " >out 2>err";
+                                checks + " " + run + " '" VOKT_PLANTED "' " + mistakes + " >out 2>err";
     EXPECT_EQ(system(command.c_str()), 0) << command;
     return {test::ReadFile("out"), test::ReadFile("err"), test::ReadFile("vokt.log")};
 }
@@ -235,6 +250,7 @@ TEST(Checks, EachMistakeIsReportedOncePerPairOfSites) {
             Mutex_Lock(&m[i]);
             Event_Wait(&set);
             Mutex_Unlock(&m[i]);
+            if (kThreadSanitizer) continue;  // it reports the next mistake itself, and fails the run
             Thread t;
             Thread_CreateJoinable(&t, KeepsTheLock, &m[i]);
             Thread_Join(t);
@@ -243,7 +259,7 @@ TEST(Checks, EachMistakeIsReportedOncePerPairOfSites) {
         const std::string reports = testing::internal::GetCapturedStderr();
         for (const char *kind : {"vokt: lock order inversion: ", "vokt: wait on an Event at ", " ended holding Mutex ",
                                  " unlocked by a thread that does not hold it, at "})
-            EXPECT_EQ(test::Count(reports, kind), 1) << kind << "\n" << reports;
+            EXPECT_EQ(test::Count(reports, kind), kThreadSanitizer && kind[0] == ' ' ? 0 : 1) << kind << "\n" << reports;
         Event_Destroy(&set);
         Runtime_SetChecks(0);
     }));
