@@ -112,20 +112,32 @@ TEST(Checks, DestroyedObjectsAreHeldBackAndEveryUseReported) {
 TEST(Checks, SwitchedFromCodeHeldBackWithinBoundsAndReleased) {
     EXPECT_EQ(0, test::InChild([] {
         test::FailAllocation(0);  // the counting allocator, failing nothing
+        Runtime_SetChecks(0);     // whatever VOKT_CHECK said
+        const long blocks = test::LiveBlocks();
+        String *early = String_NewFromChars("made before the checks");
         Runtime_SetChecks(VOKT_CHECK_LEAKS | VOKT_CHECK_OBJECTS | 0x100);
         EXPECT_EQ(Runtime_GetChecks(), VOKT_CHECK_LEAKS | VOKT_CHECK_OBJECTS);
         const int64_t strings = Runtime_CountLive("String");
-        const long blocks = test::LiveBlocks();
+        String_AppendChars(early, ", and grown after");  // its text is recorded from here on
         String *s = String_NewFromChars("x");
         EXPECT_EQ(Runtime_CountLive("String"), strings + 1);
         EXPECT_EQ(Runtime_CountLive(nullptr), Runtime_CountLive("String"));  // the only class alive
+        MemBlock *kept = MemBlock_New(16);
+        test::FailAllocation(1);
+        const int32_t failed = MemBlock_Resize(kept, 1000);  // its buffer stays, and stays recorded
+        test::FailAllocation(0);
+        Error_Free(ErrorStore_Take(failed));
         testing::internal::CaptureStderr();
-        EXPECT_EQ(Runtime_ReportLeaks(nullptr), 2);
+        EXPECT_EQ(Runtime_ReportLeaks(nullptr), 5);
         const std::string now = testing::internal::GetCapturedStderr();
-        EXPECT_EQ(now.find("vokt: 1 object and 1 block alive now: 1 String ("), 0u) << now;
+        EXPECT_EQ(now.find("vokt: 2 objects and 3 blocks alive now: 1 "), 0u) << now;
+        EXPECT_NE(now.find("; 1 block (16 bytes) from "), std::string::npos) << now;
+        MemBlock_Free(kept);
+        String_Destroy(early);
+        const long held = test::LiveBlocks();
         String_Destroy(s);
         EXPECT_EQ(Runtime_CountLive("String"), strings);
-        EXPECT_EQ(test::LiveBlocks(), blocks + 1);  // the record, held back
+        EXPECT_EQ(test::LiveBlocks(), held - 1);  // its text went back, its record is held back
         testing::internal::CaptureStderr();
         volatile int uses = 2;  // a loop the compiler keeps: one call site, one report
         for (int i = 0; i < uses; i++) EXPECT_EQ(String_Length(s), 0);

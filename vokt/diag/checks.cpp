@@ -160,7 +160,7 @@ bool StartsThreads(void *pc) {
     if (InLibrary(pc)) return true;
     // The program's entry routine (_start), named or not: a few instructions from its entry.
     const uintptr_t entry = getauxval(AT_ENTRY), at = reinterpret_cast<uintptr_t>(pc);
-    if (entry && at >= entry && at - entry < 128) return true;
+    if (at - entry < 128) return true;  // below the entry, the difference wraps past 128
     if (!dladdr(pc, &info)) return false;
     return info.dli_fbase == g_cLibrary || (info.dli_sname && strcmp(info.dli_sname, "_start") == 0);
 }
@@ -390,7 +390,7 @@ void FormatFrameAnew(void *pc, char *out, size_t room) {
     const auto at = reinterpret_cast<uintptr_t>(pc);
     const auto load = reinterpret_cast<uintptr_t>(info.dli_fbase);
     // A position-independent module is read at its offset, a fixed one at its address.
-    const bool shared = load && static_cast<const ElfW(Ehdr) *>(info.dli_fbase)->e_type == ET_DYN;
+    const bool shared = static_cast<const ElfW(Ehdr) *>(info.dli_fbase)->e_type == ET_DYN;
     char function[512] = "", place[512] = "";
     // The return address is just past the call; the line is the call's own.
     const bool asked = AskAddr2line(module, (shared ? at - load : at) - 1, function, sizeof function, place, sizeof place);
@@ -441,7 +441,7 @@ void FormatSite(uint32_t site, char *out, size_t room) {
     const Site &at = g_sites[site];
     size_t used = 0;
     out[0] = '\0';
-    for (uint32_t i = 0; i < at.count && used + 1 < room; i++) {
+    for (uint32_t i = 0; i < at.count; i++) {  // Put cuts what does not fit
         char frame[1200];
         FormatFrame(at.pc[at.first + i], frame, sizeof frame);
         used += static_cast<size_t>(Put(out + used, room - used, "%s%s", i ? " <- " : "", frame));
@@ -782,7 +782,7 @@ bool Add(Tally &t, const Record &r) {
         }
     }
     if (t.count == t.capacity) {
-        const size_t capacity = t.capacity ? t.capacity * 2 : 256;
+        const size_t capacity = t.capacity * 2 + 256;
         auto *groups = static_cast<Group *>(vokt::MapZeroed(capacity * sizeof(Group)));
         if (!groups) return false;
         if (t.groups) memcpy(groups, t.groups, t.count * sizeof(Group));
