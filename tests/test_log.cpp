@@ -175,6 +175,12 @@ void *LogUntilStopped(void *arg) {
 // A fork that lands while another thread is inside the log or the error store leaves
 // the child with both usable.
 TEST(Log, ChildrenForkedWhileAnotherThreadLogsCanLog) {
+#if defined(__SANITIZE_ADDRESS__)
+    // This toolchain's address sanitizer holds no lock of its allocator across fork(): a
+    // child forked while the other thread is in malloc can hang in its own first malloc,
+    // whatever the library does. The other builds (the thread sanitizer's included) run it.
+    GTEST_SKIP() << "the address sanitizer's allocator is not fork-safe here";
+#endif
     EXPECT_EQ(0, test::InChild([] {
         Log_SetMaxSize(1 << 20);  // never cut while the test runs, however long it takes
         std::atomic<bool> stop{false};
