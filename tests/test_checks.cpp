@@ -170,7 +170,13 @@ TEST(Checks, SitesThatPrintAlikeAreOne) {
         EXPECT_EQ(Runtime_ReportLeaks(nullptr), 2);
         const std::string report = testing::internal::GetCapturedStderr();
         EXPECT_EQ(report.find("vokt: 2 objects alive now: 2 String ("), 0u) << report;
-        for (String *s : {deep, deeper}) String_Destroy(s);
+        String_Destroy(deep);
+        String_Set(deeper, "text");
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(Runtime_ReportLeaks(nullptr), 2);
+        const std::string one = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(one.find("vokt: 1 object and 1 block alive now: 1 String ("), 0u) << one;
+        String_Destroy(deeper);
         Runtime_SetChecks(0);
     }));
 }
