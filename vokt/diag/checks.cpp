@@ -201,11 +201,7 @@ VOKT_READS_OTHER_FRAMES bool Confirmed(const Site &site, const char *frame) {
 }
 
 uint32_t Mix(uintptr_t a, uintptr_t b) {
-    uint64_t h = (static_cast<uint64_t>(a) * 0x9E3779B97F4A7C15ull) ^ static_cast<uint64_t>(b);
-    h ^= h >> 29;
-    h *= 0xBF58476D1CE4E5B9ull;
-    h ^= h >> 32;
-    return static_cast<uint32_t>(h);
+    return static_cast<uint32_t>(vokt::Mix64(static_cast<uint64_t>(a) * 0x9E3779B97F4A7C15ull ^ b));
 }
 
 // Finds the stack slot of each return address, each above the one before.
@@ -536,13 +532,7 @@ struct alignas(64) Stripe {
 };
 Stripe g_stripes[kStripes];
 
-uint64_t HashOf(uintptr_t block) {
-    uint64_t h = block;
-    h ^= h >> 33;
-    h *= 0xFF51AFD7ED558CCDull;
-    h ^= h >> 33;
-    return h;
-}
+uint64_t HashOf(uintptr_t block) { return vokt::Mix64(block); }
 Stripe &StripeOf(uintptr_t block) { return g_stripes[HashOf(block) & (kStripes - 1)]; }
 size_t Home(const Stripe &s, uintptr_t block) { return (HashOf(block) >> 6) & (s.capacity - 1); }
 

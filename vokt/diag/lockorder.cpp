@@ -65,12 +65,7 @@ vokt::CheckThread *Holder() {
 
 enum : uint32_t { kInversion = 3, kForeignUnlock = 4, kEndedHolding = 5, kHoldAndWait = 6 };
 
-uint32_t Mix(uint64_t key) {
-    key ^= key >> 31;
-    key *= 0x9E3779B97F4A7C15ull;
-    key ^= key >> 29;
-    return static_cast<uint32_t>(key);
-}
+uint32_t Mix(uint64_t key) { return static_cast<uint32_t>(vokt::Mix64(key)); }
 
 bool g_ready = false;
 
@@ -169,7 +164,6 @@ bool PathLocked(uint32_t from, uint32_t to, Path *path) {
 
 Mutex *MutexOf(uint32_t node) { return reinterpret_cast<Mutex *>(g_nodeMutex[node]); }  // NOLINT(performance-no-int-to-ptr): printed only
 
-// "Mutex 0x.. then Mutex 0x.. in thread n, locked at <site>, then at <site>"
 // "Mutex 0x.. then Mutex 0x.. in thread n, locked at <site>, then at <site>"
 size_t PutStep(char *out, size_t room, const void *first, const void *second, uint32_t thread, uint32_t firstSite,
                uint32_t secondSite) {

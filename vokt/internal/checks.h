@@ -92,6 +92,17 @@ void LocksSwitchedOn();
 // The lock checks' tables, made once; false when no memory could be mapped for them.
 bool PrepareLockOrder();
 
+// The one mixing function of the checks' hash tables (a 64-bit finaliser: every output bit
+// depends on every input bit, so that any slice of it serves as an index).
+inline uint64_t Mix64(uint64_t h) {
+    h ^= h >> 33;
+    h *= 0xFF51AFD7ED558CCDull;
+    h ^= h >> 33;
+    h *= 0xC4CEB9FE1A85EC53ull;
+    h ^= h >> 33;
+    return h;
+}
+
 // A short lock for the checks' own tables: they must never go through the hooks they serve.
 class SpinLock {
 public:
