@@ -183,6 +183,12 @@ bool WaitFor(const char *what, const std::function<bool()> &done, double seconds
     return true;
 }
 
+std::string Stderr(const std::function<void()> &body) {
+    testing::internal::CaptureStderr();
+    body();
+    return testing::internal::GetCapturedStderr();
+}
+
 std::string ReadFile(const std::string &path) {
     std::stringstream text;
     text << std::ifstream(path, std::ios::binary).rdbuf();

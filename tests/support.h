@@ -10,6 +10,19 @@
 
 namespace test {
 
+// True under the thread sanitizer, whose runtime some tests must leave to itself.
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kThreadSanitizer = true;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+constexpr bool kThreadSanitizer = true;
+#else
+constexpr bool kThreadSanitizer = false;
+#endif
+#else
+constexpr bool kThreadSanitizer = false;
+#endif
+
 // Makes the n-th (and, when given, the m-th) allocation from now on fail; 0: none.
 // The failing allocator is installed for the whole run.
 void FailAllocation(long n, long m = 0);
@@ -53,6 +66,9 @@ public:
 private:
     uint32_t was_;
 };
+
+// What body writes on standard error.
+std::string Stderr(const std::function<void()> &body);
 
 std::string ReadFile(const std::string &path);
 void WriteFile(const std::string &path, const std::string &text);

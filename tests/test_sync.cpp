@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: MIT
+#include <dlfcn.h>
 #include <errno.h>
+#include <gnu/libc-version.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -12,13 +15,37 @@
 #include "support.h"
 #include "vokt/sync/vokt_sync.h"
 
+// The C library's pthread_create and pthread_mutex_trylock as the library reaches them,
+// through this program's own: a test can make a creation fail, or return only once the new
+// thread has wholly ended, and can count the trylocks made on its own thread.
 namespace {
+enum class Creation { kPlain, kFail, kAfterTheEnd };
+std::atomic<Creation> g_creation{Creation::kPlain};
+std::atomic<bool> g_threadGone{false};
+thread_local long t_trylocks = 0;
 
-std::string Stderr(const std::function<void()> &body) {
-    testing::internal::CaptureStderr();
-    body();
-    return testing::internal::GetCapturedStderr();
+template <typename F>
+F *Next(const char *name) {
+    return reinterpret_cast<F *>(dlsym(RTLD_NEXT, name));
 }
+}  // namespace
+
+extern "C" int pthread_create(pthread_t *id, const pthread_attr_t *attributes, void *(*routine)(void *), void *arg) {
+    static auto *const real = Next<int(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *)>("pthread_create");
+    if (g_creation == Creation::kFail) return EAGAIN;
+    g_threadGone = false;
+    const int rc = real(id, attributes, routine, arg);
+    if (rc == 0 && g_creation == Creation::kAfterTheEnd) test::WaitFor("the new thread to end", [] { return g_threadGone.load(); });
+    return rc;
+}
+
+extern "C" int pthread_mutex_trylock(pthread_mutex_t *mutex) {
+    static auto *const real = Next<int(pthread_mutex_t *)>("pthread_mutex_trylock");
+    t_trylocks++;
+    return real(mutex);
+}
+
+namespace {
 
 std::string Report(const char *expression, int line) {
     return std::string("Assertion failed: ") + expression + " in file vokt_sync on line " + std::to_string(line) + "\n";
@@ -70,15 +97,16 @@ TEST(Sync, MutexIsRecursiveAndHandedOverOnlyAfterTheLastUnlock) {
     Thread_Join(t);
     // Unlocking a free mutex is reported, leaves -1 and does not touch the POSIX mutex.
     test::ChecksOff mistake;
-    EXPECT_EQ(Stderr([&] { Mutex_Unlock(&s.mutex); }), Report("m->spinCount>0", 103));
+    EXPECT_EQ(test::Stderr([&] { Mutex_Unlock(&s.mutex); }), Report("m->spinCount>0", 103));
     EXPECT_EQ(s.mutex.spinCount, -1);
     EXPECT_EQ(pthread_mutex_trylock(&s.mutex.mutex), 0);
 }
 
-// The C library must find a Mutex's POSIX mutex as if it had locked it itself: busy while
-// held, owned by the holding thread, and without users once released.
+// The C library must find a Mutex's POSIX mutex as if it had locked it itself: busy for
+// other threads while held, owned by the holding thread, and every byte as before once
+// released, whatever kind the caller made it.
 void ExpectPosixViewOfTheLock(int kind = PTHREAD_MUTEX_DEFAULT) {
-    Mutex m;
+    static Mutex m;
     Mutex_Init(&m);
     if (kind != PTHREAD_MUTEX_DEFAULT) {  // a caller may remake the POSIX mutex of another kind
         pthread_mutexattr_t attributes;
@@ -86,21 +114,49 @@ void ExpectPosixViewOfTheLock(int kind = PTHREAD_MUTEX_DEFAULT) {
         pthread_mutexattr_settype(&attributes, kind);
         pthread_mutex_init(&m.mutex, &attributes);
     }
+    const pthread_mutex_t fresh = m.mutex;
     Mutex_Lock(&m);
     Mutex_Lock(&m);
-    EXPECT_EQ(pthread_mutex_trylock(&m.mutex), EBUSY);
+    test::Finishes("another thread's trylock", [] { EXPECT_EQ(pthread_mutex_trylock(&m.mutex), EBUSY); });
 #ifdef __GLIBC__
     EXPECT_EQ(m.mutex.__data.__owner, gettid());
 #endif
     Mutex_Unlock(&m);
     Mutex_Unlock(&m);
+    EXPECT_EQ(memcmp(&fresh, &m.mutex, sizeof fresh), 0) << "kind " << kind;
+    test::Finishes("another thread's lock", [] { Mutex_Lock(&m), Mutex_Unlock(&m); });
     EXPECT_EQ(pthread_mutex_destroy(&m.mutex), 0);
 }
 
 TEST(Sync, PosixMutexSeesTheLockAsItsOwn) {
     ExpectPosixViewOfTheLock();
     EXPECT_EQ(test::InChild([] { ExpectPosixViewOfTheLock(); }), 0);  // a new kernel identifier
-    ExpectPosixViewOfTheLock(PTHREAD_MUTEX_ERRORCHECK);
+    for (int kind : {PTHREAD_MUTEX_ERRORCHECK, PTHREAD_MUTEX_RECURSIVE}) ExpectPosixViewOfTheLock(kind);
+}
+
+// An uncontended lock makes no call into the C library where the direct steps are built and
+// the running glibc is one they were read against (2.32 to 2.42); any other kind of mutex
+// always goes through its calls.
+TEST(Sync, UncontendedLocksSkipTheCLibraryWhereTheyCan) {
+#if defined(VOKT_TEST_DIRECT_LOCK) && defined(__GLIBC__)
+    int major = 0, minor = 0;
+    sscanf(gnu_get_libc_version(), "%d.%d", &major, &minor);
+    const bool direct = major == 2 && minor >= 32 && minor <= 42;
+#else
+    const bool direct = false;
+#endif
+    Mutex plain, checked;
+    Mutex_Init(&plain);
+    Mutex_Init(&checked);
+    pthread_mutexattr_t attributes;
+    pthread_mutexattr_init(&attributes);
+    pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
+    pthread_mutex_init(&checked.mutex, &attributes);
+    for (Mutex *m : {&plain, &checked}) {
+        const long before = t_trylocks;
+        for (int i = 0; i < 100; i++) Mutex_Lock(m), Mutex_Unlock(m);
+        EXPECT_EQ(t_trylocks - before, m == &plain && direct ? 0 : 100) << (m == &plain ? "default" : "error-checking");
+    }
 }
 
 #ifdef __GLIBC__
@@ -254,12 +310,12 @@ TEST(Sync, CounterZeroEventFollowsTheCount) {
     EXPECT_EQ(Counter_GetValue(&c), 0);
     EXPECT_EQ(Event_TimedWait(&c.zeroEvent, 0), 1);
     // Below zero: reported, kept, and the event is not touched.
-    EXPECT_EQ(Stderr([&] { Counter_Decrement(&c); }), Report("cnt->value>0", 388));
+    EXPECT_EQ(test::Stderr([&] { Counter_Decrement(&c); }), Report("cnt->value>0", 388));
     int32_t value = 0;
-    EXPECT_EQ(Stderr([&] { value = Counter_GetValue(&c); }), Report("cnt->value>=0", 400));
+    EXPECT_EQ(test::Stderr([&] { value = Counter_GetValue(&c); }), Report("cnt->value>=0", 400));
     EXPECT_EQ(value, -1);
     EXPECT_EQ(Event_TimedWait(&c.zeroEvent, 0), 1) << "a decrement below zero leaves the event as it was";
-    EXPECT_EQ(Stderr([&] { Counter_Increment(&c); }), Report("cnt->value>=0", 377));
+    EXPECT_EQ(test::Stderr([&] { Counter_Increment(&c); }), Report("cnt->value>=0", 377));
     Counter_Destroy(&c);
 }
 
@@ -294,9 +350,9 @@ TEST(Sync, HasExitedAnswersForItsOwnThread) {
     Thread_CreateJoinable(&t, ExitEarly, nullptr);
     test::WaitFor("a thread that called pthread_exit to read as exited", [&] { return Thread_HasExited(t) == 1; });
     EXPECT_EQ(Thread_IsSuspended(t), 0);
-    Thread_Join(t);
+    EXPECT_EQ(test::Stderr([&] { Thread_Join(t); }), "") << "the first join of an ended thread";
     EXPECT_EQ(Thread_HasExited(t), 1);
-    EXPECT_EQ(Stderr([&] { Thread_Join(t); }), "Could not join thread") << "a spent record is not joined again";
+    EXPECT_EQ(test::Stderr([&] { Thread_Join(t); }), "Could not join thread") << "a spent record is not joined again";
     const Thread spent = t;
     static Shared s;
     Event_Init(&s.event);
@@ -309,13 +365,13 @@ TEST(Sync, HasExitedAnswersForItsOwnThread) {
     Event_SetState(&s.event, 0);
     Thread detached;
     Thread_Create(&detached, WaitForEvent, &s);
-    EXPECT_EQ(Stderr([&] { EXPECT_EQ(Thread_HasExited(detached), 0); }), Report("thread.bIsJoinable", 480));
-    EXPECT_EQ(Stderr([&] { EXPECT_EQ(Thread_IsSuspended(detached), 0); }), Report("thread.bIsJoinable", 493));
-    EXPECT_EQ(Stderr([&] { Thread_Join(detached); }), Report("thread.bIsJoinable", 462) + "Could not join thread");
+    EXPECT_EQ(test::Stderr([&] { EXPECT_EQ(Thread_HasExited(detached), 0); }), Report("thread.bIsJoinable", 480));
+    EXPECT_EQ(test::Stderr([&] { EXPECT_EQ(Thread_IsSuspended(detached), 0); }), Report("thread.bIsJoinable", 493));
+    EXPECT_EQ(test::Stderr([&] { Thread_Join(detached); }), Report("thread.bIsJoinable", 462) + "Could not join thread");
     Event_SetState(&s.event, 1);
     int32_t exited = 0;
     test::WaitFor("a detached thread to read as exited", [&] {
-        Stderr([&] { exited = Thread_HasExited(detached); });
+        test::Stderr([&] { exited = Thread_HasExited(detached); });
         return exited == 1;
     });
     // In a child of fork() only the forking thread exists: the others read as exited, and
@@ -325,35 +381,96 @@ TEST(Sync, HasExitedAnswersForItsOwnThread) {
     EXPECT_EQ(test::InChild([&] {
         alarm(10);
         EXPECT_EQ(Thread_HasExited(t), 1);
-        EXPECT_EQ(Stderr([&] { Thread_Join(t); }), "Could not join thread");
+        EXPECT_EQ(test::Stderr([&] { Thread_Join(t); }), "Could not join thread");
     }), 0);
     Event_SetState(&s.event, 1);
     Thread_Join(t);
 }
 
-// Threads are recorded without allocating while few run at once. When more run than that
-// and no memory can be had, a thread is refused rather than started unrecorded.
+struct Own {
+    Thread record;
+    Event filled;
+    std::atomic<bool> triedItself{false};
+    int child = -1;
+};
+
+void *JoinItselfThenFork(void *arg) {
+    auto *own = static_cast<Own *>(arg);
+    Event_Wait(&own->filled);
+    // Fails: a thread cannot join itself. (The thread sanitizer would then forget the thread.)
+    if (!test::kThreadSanitizer) Thread_Join(own->record);
+    own->triedItself = true;
+    const pid_t pid = fork();
+    if (pid == 0) _exit(Thread_HasExited(own->record) == 0 ? 0 : 1);
+    waitpid(pid, &own->child, 0);
+    return nullptr;
+}
+
+// A join that fails leaves the record for another; in a child of fork(), the thread that
+// forked is still running.
+TEST(Sync, AThreadMeetsItsOwnRecord) {
+    static Own own;
+    Event_Init(&own.filled);
+    EXPECT_EQ(test::Stderr([] {
+        Thread_CreateJoinable(&own.record, JoinItselfThenFork, &own);
+        Event_SetState(&own.filled, 1);
+        test::WaitFor("the thread's join of itself", [] { return own.triedItself.load(); });
+        Thread_Join(own.record);
+    }), test::kThreadSanitizer ? "" : "Could not join thread");
+    EXPECT_TRUE(WIFEXITED(own.child) && WEXITSTATUS(own.child) == 0) << "status " << own.child;
+}
+
+void *WaitForItsEvent(void *event) { return reinterpret_cast<void *>(static_cast<intptr_t>(Event_Wait(static_cast<Event *>(event)))); }
+
+// Threads are recorded without allocating while few run at once, and every way a thread
+// leaves gives its record's room back. When more run than that and no memory can be had,
+// a thread is refused rather than started unrecorded, until room is given back.
 TEST(Sync, ThreadsAreRecordedWithoutAllocating) {
     if (!test::InFreshProcess()) return;  // with the module's room as a new process has it
     test::FailFrom(1);
-    static Shared s;
-    Event_Init(&s.event);
+    static pthread_key_t atTheEnd;  // its destructor runs once the thread is wholly done
+    pthread_key_create(&atTheEnd, [](void *) { g_threadGone = true; });
+    const std::string churn = test::Stderr([] {
+        for (int i = 0; i < 200; i++) {  // joined
+            Thread t;
+            Thread_CreateJoinable(&t, [](void *) -> void * { return nullptr; }, nullptr);
+            Thread_Join(t);
+        }
+        g_creation = Creation::kFail;  // refused by the C library
+        Thread t;
+        for (int i = 0; i < 100; i++) Thread_CreateJoinable(&t, WaitForEvent, nullptr);
+    });
+    EXPECT_EQ(test::Count(churn, "Could not"), 100) << churn;
+    g_creation = Creation::kAfterTheEnd;  // detached, and gone before its creator looks again
+    EXPECT_EQ(test::Stderr([] {
+        for (int i = 0; i < 100; i++) {
+            Thread t;
+            Thread_Create(&t, [](void *) -> void * { return pthread_setspecific(atTheEnd, &atTheEnd), nullptr; }, nullptr);
+        }
+    }), "");
+    g_creation = Creation::kPlain;
+    static Event events[300];
     std::vector<Thread> threads;
     std::string refused;
     while (refused.empty() && threads.size() < 300) {
         Thread t{};
-        refused = Stderr([&] { Thread_CreateJoinable(&t, WaitForEvent, &s); });
+        Event_Init(&events[threads.size()]);
+        refused = test::Stderr([&] { Thread_CreateJoinable(&t, WaitForItsEvent, &events[threads.size()]); });
         if (refused.empty()) threads.push_back(t);
     }
     EXPECT_GE(threads.size(), 32u);
     EXPECT_EQ(refused, "Could not create new thread, errno=11");
+    Event_SetState(&events[threads.size() - 1], 1);  // the newest ends: its room is found
+    Thread_Join(threads.back());
+    Event_SetState(&events[threads.size() - 1], 0);
+    EXPECT_EQ(test::Stderr([&] { Thread_CreateJoinable(&threads.back(), WaitForItsEvent, &events[threads.size() - 1]); }), "");
     test::FailAllocation(0);
     threads.emplace_back();
-    Thread_CreateJoinable(&threads.back(), WaitForEvent, &s);  // there is room again
+    Event_Init(&events[threads.size() - 1]);
+    Thread_CreateJoinable(&threads.back(), WaitForItsEvent, &events[threads.size() - 1]);  // there is room again
     for (const Thread &t : threads) EXPECT_EQ(Thread_HasExited(t), 0);
-    Event_SetState(&s.event, 1);
+    for (size_t i = 0; i < threads.size(); i++) Event_SetState(&events[i], 1);
     for (const Thread &t : threads) Thread_Join(t);
-    EXPECT_EQ(s.stage.load(), static_cast<int>(threads.size()));
 }
 
 }  // namespace

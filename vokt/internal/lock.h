@@ -89,6 +89,10 @@ inline bool DirectTry(pthread_mutex_t *mutex, pid_t tid) {
     int *word = &mutex->__data.__lock;
     if (__atomic_load_n(word, __ATOMIC_RELAXED) != 0) return false;
     int expected = 0;
+    // Acquire: the holder's reads and writes under the lock must not move before the lock is
+    // taken, nor see less than the last holder wrote before its release. x86-64 keeps that
+    // order for any locked instruction, so a relaxed exchange would pass every test there;
+    // ARM64 reorders freely without it.
     if (!__atomic_compare_exchange_n(word, &expected, 1, false, __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) return false;
     mutex->__data.__owner = tid;
     ++mutex->__data.__nusers;

@@ -363,10 +363,17 @@ const bool g_directLock = false;
 
 // Mutex_Lock whole: try; when that fails, compare the owner with the caller (only the
 // holder can see its own identifier there, so an unlocked read is enough); block unless
-// the caller holds it already; then hold.
+// the caller holds it already; then hold. A POSIX mutex that the caller made recursive
+// lets its holder's try through and counts a level of its own, which the last unlock would
+// never release: that level is given back at once (a default one refuses its holder).
 [[gnu::noinline]] void LockGeneral(Mutex *m) {
-    if (!TryLock(&m->mutex) && LoadOwner(m) != Known().self) pthread_mutex_lock(&m->mutex);
-    Hold(m, Known().self);
+    const pthread_t self = Known().self;
+    if (TryLock(&m->mutex)) {
+        if (LoadOwner(m) == self) pthread_mutex_unlock(&m->mutex);
+    } else if (LoadOwner(m) != self) {
+        pthread_mutex_lock(&m->mutex);
+    }
+    Hold(m, self);
 }
 
 [[gnu::noinline]] void Block(Mutex *m, pthread_t self) {
