@@ -49,12 +49,21 @@ TEST(Error, StoreHandsOutReferencesAndReusesHoles) {
             last = log.find(text);
         }
 
-        // A mistaken Take (a reference never issued, or one taken already) changes nothing,
-        // so it cannot free the store under another holder's error.
-        const int32_t mine = Register("mine"), theirs = Register("theirs");
-        EXPECT_EQ(ErrorStore_Take(0x40000009), nullptr);
+        // A reference that names no Error (taken already, from a hole or from the end, never
+        // issued, or index 0) is reported alike and changes nothing: Take cannot free the
+        // store under another holder's error, nor Combine drop a live one.
+        const int32_t mine = Register("mine"), theirs = Register("theirs"), end = Register("end");
+        Drop(end);
         Drop(mine);
-        EXPECT_EQ(ErrorStore_Take(mine), nullptr);
+        for (const int32_t stale : {mine, end, 0x40000009, 0x40000000}) {
+            for (auto *op : {ErrorStore_Get, ErrorStore_Take}) {
+                const size_t before = test::ReadFile("vokt.log").size();
+                EXPECT_EQ(op(stale), nullptr) << stale;
+                EXPECT_TRUE(test::HasReport(test::ReadFile("vokt.log").substr(before),
+                                            "Vector_GetAt( global_error_store, index ) != NULL", "error")) << stale;
+            }
+            EXPECT_EQ(ErrorStore_Combine(theirs, stale), theirs) << stale;
+        }
         ASSERT_EQ(ErrorStore_IsError(theirs), 1);
         EXPECT_STREQ(ErrorStore_Get(theirs)->message->string, "theirs");
         Drop(theirs);
