@@ -15,6 +15,7 @@ void *backwards(void *unused);
 void *keeps_a(void *unused);
 void plant_locks(void);
 void plant_objects(void);
+void discard(String *s);
 
 static Mutex a, b;
 static Condition ready;
@@ -73,11 +74,17 @@ void plant_locks(void) {
     Mutex_Unlock(&a);
 }
 
+/* Not a tail call, so that it is the site of the destruction. */
+__attribute__((noinline)) void discard(String *s) {
+    String_Destroy(s);
+    __asm__ __volatile__("" ::: "memory");
+}
+
 void plant_objects(void) {
     Vector *v = Vector_NewOwning();
     String *s = String_NewFromChars("gone");
     Vector_Add(v, s);
-    String_Destroy(s); /* the vector still holds it */
+    discard(s); /* the vector still holds it */
     String *probe = String_NewFromChars("gone");
     printf("found %d equal %d\n", Vector_Contains(v, probe), String_Equals(s, probe));
     Vector_Sort(v);
