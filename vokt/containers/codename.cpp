@@ -3,7 +3,8 @@
 #include "vokt/containers/codename.h"
 
 #include "vokt/internal/alloc.h"
-#include "vokt/internal/check.h"
+#include "vokt/internal/assert.h"
+#include "vokt/internal/errors.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "vokt/diag/log.h"
 #include "vokt/internal/alloc.h"
-#include "vokt/internal/check.h"
+#include "vokt/internal/assert.h"
 #include "vokt/internal/classes.h"
 #include "vokt/internal/equality.h"
 

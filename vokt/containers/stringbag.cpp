@@ -5,7 +5,7 @@
 #include <strings.h>
 
 #include "vokt/internal/alloc.h"
-#include "vokt/internal/check.h"
+#include "vokt/internal/assert.h"
 #include "vokt/internal/classes.h"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <string.h>
 
 #include "vokt/internal/alloc.h"
-#include "vokt/internal/check.h"
+#include "vokt/internal/assert.h"
 #include "vokt/internal/hash.h"
 
 namespace {

@@ -5,7 +5,8 @@
 #include "vokt/diag/error.h"
 #include "vokt/diag/log.h"
 #include "vokt/internal/alloc.h"
-#include "vokt/internal/check.h"
+#include "vokt/internal/assert.h"
+#include "vokt/internal/errors.h"
 
 namespace {
 

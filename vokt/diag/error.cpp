@@ -9,7 +9,7 @@
 
 #include "vokt/diag/log.h"
 #include "vokt/internal/alloc.h"
-#include "vokt/internal/check.h"
+#include "vokt/internal/errors.h"
 #include "vokt/internal/classes.h"
 #include "vokt/internal/fork.h"
 #include "vokt/internal/scope.h"

@@ -16,7 +16,7 @@
 
 #include "vokt/diag/error.h"
 #include "vokt/internal/alloc.h"
-#include "vokt/internal/check.h"
+#include "vokt/internal/errors.h"
 #include "vokt/internal/checks.h"
 #include "vokt/internal/fork.h"
 #include "vokt/internal/scope.h"
@@ -181,6 +181,7 @@ void ForkParent() {
 void ForkChild() {
     vokt::ChecksForkRelease();
     vokt::ThreadRegistryForkChild();
+    vokt::MutexForkChild();
     vokt::ErrorStoreForkRelease();
     Mutex_Unlock(&g_mutex);
 }

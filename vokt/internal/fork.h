@@ -10,8 +10,10 @@ void ErrorStoreForkRelease();
 // The diagnostics' own locks, taken last.
 void ChecksForkPrepare();
 void ChecksForkRelease();
-// In the child, the threads that did not come along are forgotten.
+// In the child, the threads that did not come along are forgotten, and the one that forked
+// asks for its new kernel identifier.
 void ThreadRegistryForkChild();
+void MutexForkChild();
 }  // namespace vokt
 
 #endif

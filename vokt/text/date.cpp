@@ -4,7 +4,7 @@
 
 #include <string.h>
 
-#include "vokt/internal/check.h"
+#include "vokt/internal/errors.h"
 #include "vokt/internal/scope.h"
 
 namespace {

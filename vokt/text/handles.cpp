@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "vokt/internal/alloc.h"
-#include "vokt/internal/check.h"
+#include "vokt/internal/assert.h"
 
 namespace {
 

@@ -8,7 +8,8 @@
 #include <unistd.h>
 
 #include "vokt/internal/alloc.h"
-#include "vokt/internal/check.h"
+#include "vokt/internal/assert.h"
+#include "vokt/internal/errors.h"
 #include "vokt/internal/scope.h"
 #include "vokt/internal/text.h"
 

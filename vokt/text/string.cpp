@@ -13,7 +13,8 @@
 
 #include "vokt/diag/log.h"
 #include "vokt/internal/alloc.h"
-#include "vokt/internal/check.h"
+#include "vokt/internal/assert.h"
+#include "vokt/internal/errors.h"
 #include "vokt/internal/classes.h"
 #include "vokt/internal/hash.h"
 #include "vokt/internal/scope.h"
@@ -295,8 +296,8 @@ int32_t String_VFormat(String *s, const char *format, va_list args) {
             }
         }
     }
+    VOKT_ASSERT(len > strlen(buf));
     const size_t textLength = strlen(buf);
-    if (!(len > textLength)) Assert_Fail("len > strlen(buf)", kModule, __LINE__);
     if (textLength + 1 == len) {
         Adopt(s, buf, textLength);
         return 0;
