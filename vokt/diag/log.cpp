@@ -165,29 +165,6 @@ void Echo(FILE *stream, const char *prefix, const String *message, int32_t code)
     fflush(stream);
 }
 
-// A child of fork() has only the thread that forked; any lock another thread held at
-// that moment would stay held in the child for ever. So fork waits until it can take
-// the runtime's locks, in their usual order, and both sides release them afterwards.
-void ForkPrepare() {
-    Mutex_Lock(&g_mutex);
-    vokt::ErrorStoreForkPrepare();
-    vokt::ChecksForkPrepare();
-}
-void ForkParent() {
-    vokt::ChecksForkRelease();
-    vokt::ErrorStoreForkRelease();
-    Mutex_Unlock(&g_mutex);
-}
-void ForkChild() {
-    vokt::ChecksForkRelease();
-    vokt::ThreadRegistryForkChild();
-    vokt::MutexForkChild();
-    vokt::ErrorStoreForkRelease();
-    Mutex_Unlock(&g_mutex);
-}
-// Registered when the library is loaded, so that it holds even before Runtime_Init.
-[[maybe_unused]] const int g_forkHandlers = pthread_atfork(ForkPrepare, ForkParent, ForkChild);
-
 class DepthGuard {
 public:
     DepthGuard() { t_depth++; }
@@ -330,3 +307,8 @@ void Log_Shutdown(void) {
 }
 
 }  // extern "C"
+
+namespace vokt {
+void LogForkPrepare() { Mutex_Lock(&g_mutex); }
+void LogForkRelease() { Mutex_Unlock(&g_mutex); }
+}  // namespace vokt

@@ -1,10 +1,16 @@
 // SPDX-License-Identifier: MIT
-// Private: String assignment and appending for callers that already know the length.
+// Private: what the String module's files share: assignment and appending for callers that
+// already know the length, and the checks every operation makes of its Strings.
 #ifndef VOKT_INTERNAL_TEXT_H
 #define VOKT_INTERNAL_TEXT_H
 
 #include <stddef.h>
 
+#include <initializer_list>
+
+#include "vokt/internal/alloc.h"
+#include "vokt/internal/classes.h"
+#include "vokt/internal/scope.h"
 #include "vokt/text/string.h"
 
 namespace vokt {
@@ -12,6 +18,40 @@ namespace vokt {
 int32_t SetText(String *s, const char *chars, size_t n);
 // String_AppendChars of n known bytes.
 int32_t AppendText(String *s, const char *chars, size_t n);
+
+inline bool IsString(const void *object) {
+    return object && static_cast<const Object *>(object)->ftbl == &kStringClass;
+}
+// String_Check, and whether the String can be used at all (a destroyed one held back by the
+// objects check reads as unset: it is reported and left alone).
+inline bool Usable(const String *ps) {
+    String_Check(ps);
+    return ps != nullptr && !IsDestroyed(ps);
+}
+// Each String is checked (every broken one is reported); true when all can be used.
+inline bool AllUsable(std::initializer_list<const String *> strings) {
+    bool all = true;
+    for (const String *ps : strings) all = Usable(ps) && all;
+    return all;
+}
+// Takes over a buffer that holds exactly length + 1 bytes.
+inline void Adopt(String *ps, char *text, size_t length) {
+    Free(ps->string);
+    ps->string = text;
+    ps->length = length;
+    ps->bIsSet = 1;
+}
+inline bool Inside(const String *ps, const char *text) {
+    return ps && ps->string && text >= ps->string && text <= ps->string + ps->length;
+}
+
+// text itself, or (when it lies inside ps, whose text is about to change) a copy held by
+// keep; null when that copy cannot be made.
+inline const char *Steady(const String *ps, const char *text, Scoped<String> &keep) {
+    if (!Inside(ps, text)) return text;
+    keep.reset(String_NewFromChars(text));
+    return keep ? keep->string : nullptr;
+}
 }  // namespace vokt
 
 #endif

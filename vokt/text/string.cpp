@@ -7,9 +7,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/stat.h>
-
-#include <initializer_list>
 
 #include "vokt/diag/log.h"
 #include "vokt/internal/alloc.h"
@@ -26,28 +23,14 @@ constexpr char kModule[] = "util";
 // Lengths travel as signed 32-bit numbers, so no text grows past what they can say.
 constexpr uint64_t kMaxLength = 2147483647;
 
+using vokt::Adopt;
+using vokt::AllUsable;
+using vokt::IsString;
 using vokt::Scoped;
-
-bool IsString(const void *object) {
-    return object && static_cast<const Object *>(object)->ftbl == &vokt::kStringClass;
-}
-
-// String_Check, and whether the String can be used at all (a destroyed one held back by the
-// objects check reads as unset: it is reported and left alone).
-bool Usable(const String *ps) {
-    String_Check(ps);
-    return ps != nullptr && !vokt::IsDestroyed(ps);
-}
+using vokt::Usable;
 
 // A set String with its text: the state in which String_Check has nothing to report.
 inline bool HasText(const String *ps) { return ps && ps->bIsSet && ps->string; }
-
-// Each String is checked (every broken one is reported); true when all can be used.
-bool AllUsable(std::initializer_list<const String *> strings) {
-    bool all = true;
-    for (const String *ps : strings) all = Usable(ps) && all;
-    return all;
-}
 
 // String_Equals for anything but two set Strings with texts: nothing to compare, but each
 // is checked and reported.
@@ -116,31 +99,11 @@ size_t BoundedLength(const char *chars, int32_t count) {
     return count < 0 ? strlen(chars) : strnlen(chars, static_cast<size_t>(count));
 }
 
-// Takes over a buffer that holds exactly length + 1 bytes.
-void Adopt(String *ps, char *text, size_t length) {
-    vokt::Free(ps->string);
-    ps->string = text;
-    ps->length = length;
-    ps->bIsSet = 1;
-}
-
 String *Construct(int32_t code, String *ps) {
     if (code == 0) return ps;
     vokt::DropError(code);
     String_Destroy(ps);
     return nullptr;
-}
-
-bool Inside(const String *ps, const char *text) {
-    return ps && ps->string && text >= ps->string && text <= ps->string + ps->length;
-}
-
-// text itself, or (when it lies inside ps, whose text is about to change) a copy held by
-// keep; null when that copy cannot be made.
-const char *Steady(const String *ps, const char *text, Scoped<String> &keep) {
-    if (!Inside(ps, text)) return text;
-    keep.reset(String_NewFromChars(text));
-    return keep ? keep->string : nullptr;
 }
 
 bool IsTrimmed(char c) { return c == ' ' || c == '\r' || c == '\n' || c == '\t'; }
@@ -472,198 +435,6 @@ void String_ChompNewlines(String *s) {
     if (!Usable(s) || !s->string) return;
     while (s->length > 0 && (s->string[s->length - 1] == '\n' || s->string[s->length - 1] == '\r'))
         s->string[--s->length] = '\0';
-}
-
-int32_t String_Wrap(String *s, int32_t width) { return String_WrapEx(s, width, width, nullptr); }
-
-int32_t String_WrapEx(String *s, int32_t firstWidth, int32_t width, const char *indent) {
-    if (!Usable(s)) return -1;
-    if (!s->bIsSet || !s->string) return 0;
-    Scoped<String> out(String_New());
-    if (!out) return -2;
-    String *o = out.get();
-    const char *t = s->string;
-    const int64_t length = static_cast<int64_t>(s->length);
-    int64_t lineStart = 0, lastBreak = -1, limit = firstWidth;
-    auto piece = [&](int64_t from, int64_t to) {  // bytes from..to-1
-        return String_AppendN(o, t + from, static_cast<int32_t>(to - from));
-    };
-    for (int64_t i = 0; i < length; i++) {
-        const char c = t[i];
-        if (c == '\r' || c == '\n') {
-            while (i < length && (t[i] == '\r' || t[i] == '\n')) i++;
-            VOKT_TRY(piece(lineStart, i));
-            if (indent) VOKT_TRY(String_AppendChars(o, indent));
-            lineStart = i;
-            limit = width;
-            lastBreak = -1;
-            continue;
-        }
-        if (i - lineStart < limit) {
-            if (c == ' ') {
-                while (i < length && t[i] == ' ') i++;
-                lastBreak = i - 1;
-            }
-            continue;
-        }
-        if (lastBreak == -1) {
-            VOKT_TRY(piece(lineStart, i));
-            lineStart = i;
-        } else {
-            int64_t end = lastBreak;
-            while (end >= lineStart && t[end] == ' ') end--;
-            VOKT_TRY(piece(lineStart, end + 1));
-            i = lastBreak;
-            lineStart = lastBreak + 1;
-        }
-        VOKT_TRY(String_AppendChars(o, "\r\n"));
-        limit = width;
-        lastBreak = -1;
-        if (indent) VOKT_TRY(String_AppendChars(o, indent));
-    }
-    VOKT_TRY(piece(lineStart < length ? lineStart : length, length));
-    // The result was built with exact fit; hand its buffer over instead of copying.
-    char *text = o->string;
-    const uint64_t n = o->length;
-    o->string = nullptr;
-    o->bIsSet = 0;
-    Adopt(s, text, n);
-    return 0;
-}
-
-int32_t String_SplitAt(const String *s, char c, String *left, String *right) {
-    const bool usable = AllUsable({s, left, right});
-    if (!usable || !s->string || s->length == 0) return usable ? 1 : -1;
-    const char *found = static_cast<const char *>(memchr(s->string, c, s->length));
-    if (!found) return 1;
-    const int32_t at = static_cast<int32_t>(found - s->string);
-    // When an output is the input itself, the other output is taken first.
-    if (left == s) {
-        const int32_t code = String_Set(right, s->string + at + 1);
-        const int32_t code2 = String_SetN(left, s->string, at);
-        return code ? code : code2;
-    }
-    const int32_t code = String_SetN(left, s->string, at);
-    const int32_t code2 = String_Set(right, s->string + at + 1);
-    return code ? code : code2;
-}
-
-int32_t String_SplitCommas(const String *s, Vector *vector) {
-    if (!s || !s->string || s->length == 0) return 0;
-    VOKT_ASSERT_OR_RETURN(vector != NULL, -1);
-    const auto add = vokt::VectorSlots(vector)->Add;
-    int64_t start = 0;
-    const int64_t length = static_cast<int64_t>(s->length);
-    for (int64_t i = 0; i <= length; i++) {
-        if (i < length && s->string[i] != ',') continue;
-        String *piece = String_Substring(s, static_cast<int32_t>(start), static_cast<int32_t>(i - start));
-        if (!piece) return -2;
-        if (!add(vector, piece)) {
-            String_Destroy(piece);
-            return -2;
-        }
-        start = i + 1;
-    }
-    return 0;
-}
-
-int32_t String_SplitChars(const char *text, char c, Vector *vector) {
-    VOKT_ASSERT_OR_RETURN(text != NULL, -1);
-    VOKT_ASSERT_OR_RETURN(vector != NULL, -1);
-    // Everything not yet handed to the caller's vector dies with the list.
-    vokt::CleanupList list;
-    String *work = list.Add(String_NewFromChars(text));
-    if (!work) return -2;
-    const auto add = vokt::VectorSlots(vector)->Add;
-    int64_t start = 0;
-    const int64_t length = static_cast<int64_t>(work->length);
-    for (int64_t i = 0; i <= length; i++) {
-        if (i < length && work->string[i] != c) continue;
-        String *piece = list.Add(String_Substring(work, static_cast<int32_t>(start), static_cast<int32_t>(i - start)));
-        if (!piece || !add(vector, piece)) return -2;
-        list.Keep(piece);  // handed over: no longer ours to destroy
-        start = i + 1;
-    }
-    return 0;
-}
-
-int32_t String_Join(Vector *vector, const char *separator, String *out) {
-    VOKT_ASSERT_OR_RETURN(vector != NULL, -1);
-    const vokt::VectorReader read(vector);
-    const int64_t count = read.Length();
-    auto elementAt = [&](int64_t i) { return static_cast<const String *>(read.At(i)); };
-    if (!separator) separator = "";
-    // When out is also the separator or an element, the text is built aside and handed
-    // over at the end, so that every piece is read as it was before the call.
-    bool aliased = Inside(out, separator);
-    for (int64_t i = 0; i < count && !aliased; i++) aliased = elementAt(i) == out;
-    Scoped<String> aside(aliased ? String_New() : nullptr);
-    if (aliased && !aside) return -2;
-    String *target = aliased ? aside.get() : out;
-    VOKT_TRY(String_Set(target, ""));
-    const size_t separatorLength = strlen(separator);
-    for (int64_t i = 0; i < count; i++) {
-        const String *element = elementAt(i);
-        if (i > 0) VOKT_TRY(vokt::AppendText(target, separator, separatorLength));
-        VOKT_ASSERT_OR_RETURN(IsString(element) && element->string != NULL, -1);
-        VOKT_TRY(vokt::AppendText(target, element->string, element->length));
-    }
-    if (aliased) {
-        Adopt(out, target->string, target->length);
-        target->string = nullptr;
-        target->bIsSet = 0;
-    }
-    return 0;
-}
-
-int32_t File_IsDirectory(const char *path) {
-    struct stat info;
-    return path && stat(path, &info) == 0 && S_ISDIR(info.st_mode) ? 1 : 0;
-}
-
-int32_t File_Exists(const char *path) {
-    struct stat info;
-    return path && stat(path, &info) == 0 ? 1 : 0;
-}
-
-int32_t String_ResolvePath(String *s, const char *name, const char *base) {
-    VOKT_ASSERT_OR_RETURN(name != NULL, -1);
-    if (name[0] == '/') return String_Set(s, name);
-    VOKT_ASSERT_OR_RETURN(base != NULL, -1);
-    // s is overwritten first; a name or base inside it is read from a copy.
-    Scoped<String> nameCopy, baseCopy;
-    name = Steady(s, name, nameCopy);
-    base = name ? Steady(s, base, baseCopy) : nullptr;
-    if (!base) return -2;
-    VOKT_TRY(String_Set(s, base));
-    if (File_Exists(base) && !File_IsDirectory(base)) {
-        const char *slash = strrchr(s->string, '/');
-        String_Truncate(s, slash ? static_cast<int32_t>(slash - s->string) + 1 : 0);
-    } else if (!String_EndsWith(s, "/")) {
-        VOKT_TRY(String_AppendChar(s, '/'));
-    }
-    VOKT_TRY(String_AppendChars(s, name));
-    return 0;
-}
-
-void *CleanupList_Add(Vector **list, void *object) {
-    if (!object) return nullptr;
-    if (!list) {
-        Object_Destroy(object);
-        return nullptr;
-    }
-    if (!*list) {
-        *list = Vector_NewOwning();
-        if (!*list) {
-            Object_Destroy(object);
-            return nullptr;
-        }
-    }
-    if (!vokt::VectorSlots(*list)->Add(*list, object)) {
-        Object_Destroy(object);
-        return nullptr;
-    }
-    return object;
 }
 
 }  // extern "C"
