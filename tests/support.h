@@ -5,7 +5,7 @@
 #include <functional>
 #include <string>
 
-#include "vokt/diag/checks.h"
+#include "vokt/checks/checks.h"
 #include "vokt/sync/vokt_sync.h"
 
 namespace test {

@@ -23,6 +23,6 @@
 #include "vokt/text/version.h"
 #include "vokt/diag/log.h"
 #include "vokt/diag/error.h"
-#include "vokt/diag/checks.h"
+#include "vokt/checks/checks.h"
 
 #endif

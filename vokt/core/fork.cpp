@@ -13,13 +13,13 @@ void Prepare() {
 }
 
 void Parent() {
-    vokt::ChecksForkRelease();
+    vokt::ChecksForkRelease(false);
     vokt::ErrorStoreForkRelease();
     vokt::LogForkRelease();
 }
 
 void Child() {
-    vokt::ChecksForkRelease();
+    vokt::ChecksForkRelease(true);
     vokt::ThreadRegistryForkChild();
     vokt::MutexForkChild();
     vokt::ErrorStoreForkRelease();

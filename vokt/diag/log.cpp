@@ -17,7 +17,7 @@
 #include "vokt/diag/error.h"
 #include "vokt/internal/alloc.h"
 #include "vokt/internal/errors.h"
-#include "vokt/internal/checks.h"
+#include "vokt/internal/hooks.h"
 #include "vokt/internal/fork.h"
 #include "vokt/internal/scope.h"
 #include "vokt/sync/vokt_sync.h"

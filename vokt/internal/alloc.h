@@ -9,7 +9,7 @@
 #include "vokt/core/object.h"
 
 #include "vokt/core/memory.h"
-#include "vokt/internal/checks.h"
+#include "vokt/internal/hooks.h"
 
 namespace vokt {
 

@@ -6,7 +6,7 @@
 #include <string.h>
 
 #include "vokt/core/object.h"
-#include "vokt/internal/checks.h"
+#include "vokt/internal/hooks.h"
 
 namespace vokt {
 

@@ -13,7 +13,7 @@ void LogForkRelease();
 void ErrorStoreForkPrepare();
 void ErrorStoreForkRelease();
 void ChecksForkPrepare();
-void ChecksForkRelease();
+void ChecksForkRelease(bool inChild);
 // In the child, the threads that did not come along are forgotten, and the one that forked
 // asks for its new kernel identifier.
 void ThreadRegistryForkChild();

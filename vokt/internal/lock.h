@@ -8,7 +8,7 @@
 #include <pthread.h>
 #include <sys/types.h>
 
-#include "vokt/internal/checks.h"
+#include "vokt/internal/hooks.h"
 #include "vokt/sync/vokt_sync.h"
 
 // The try step on a default POSIX mutex is done here instead of through the C library's

@@ -5,7 +5,7 @@
 #include <sys/time.h>
 
 #include "vokt/internal/assert.h"
-#include "vokt/internal/checks.h"
+#include "vokt/internal/hooks.h"
 #include "vokt/sync/vokt_sync.h"
 
 namespace {

@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: MIT
+/** @file
+ * (extension) Diagnostics built into the library, switched on without rebuilding: objects
+ * still alive at exit by class and site, lock-order inversions and holds across waits, and
+ * objects used after they were destroyed.
+ *
+ * The environment variable VOKT_CHECK, read once when the library is loaded, names the
+ * checks: a comma-separated list of `leaks`, `locks`, `objects`, or `all` (an unknown word is
+ * reported once and ignored). Each report is one line that starts with "vokt: ", printed on
+ * standard error and written to the log at level 0, once for each pair of sites:
+ *
+ * - `vokt: 3 objects and 3 blocks alive at exit: 2 String (64 bytes) from load_config+0x28 (app, app.c:25) <- main+0x32 (app, app.c:93); 2 blocks (20 bytes) from ...; 1 Vector (64 bytes) from main+0x37 (app, app.c:94); ...`
+ * - `vokt: lock order inversion: Mutex 0x562e6ec41180 then Mutex 0x562e6ec411c0 in thread 2, locked at backwards+0x1c (app, app.c:39), then at ...; the opposite order was taken in thread 1, locked at forwards+0x1c (app, app.c:30), then at ...`
+ * - `vokt: wait on a Condition at f+0xae (app, app.c:67) while holding Mutex 0x562e6ec411c0, locked at f+0xa6 (app, app.c:66)`
+ * - `vokt: thread 3 ended holding Mutex 0x562e6ec411c0, locked at g+0x10 (app, app.c:48)`
+ * - `vokt: Mutex 0x562e6ec411c0 unlocked by a thread that does not hold it, at f+0xdd (app, app.c:72)`
+ * - `vokt: String used after it was destroyed at parse_line+0x53 (app, app.c:79); used at parse_line+0x69 (app, app.c:81)`
+ *
+ * A site is up to 8 return addresses of the program, outside the library, each written
+ * `function+0xoffset (module)`, with `, file:line` added when addr2line is installed.
+ *
+ * @par Example
+ * @include reference/checks.c
+ */
+#ifndef VOKT_CHECKS_CHECKS_H
+#define VOKT_CHECKS_CHECKS_H
+
+#include <stdint.h>
+#include <stdio.h>
+
+#include "vokt/core/api.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** Records every object and block the library allocates; what is alive at exit is reported. */
+#define VOKT_CHECK_LEAKS 1u
+/** Watches the order in which threads take vokt Mutexes, and waits entered while holding one. */
+#define VOKT_CHECK_LOCKS 2u
+/** Holds destroyed objects back for a while and reports their use. */
+#define VOKT_CHECK_OBJECTS 4u
+/** All three checks. */
+#define VOKT_CHECK_ALL 7u
+
+/** (extension) Switches checks on or off from code.
+ * @param flags A combination of VOKT_CHECK_LEAKS, VOKT_CHECK_LOCKS and VOKT_CHECK_OBJECTS;
+ *        other bits are ignored. Switching `objects` off releases the objects held back.
+ * @note Objects made while `leaks` was off are not recorded and never reported. Any thread. */
+VOKT_API void Runtime_SetChecks(uint32_t flags);
+/** (extension) The checks in force.
+ * @return The VOKT_CHECK_* bits that are on. */
+VOKT_API uint32_t Runtime_GetChecks(void);
+/** (extension) Writes the leak report for what is alive now.
+ * @param out Where the report line goes; null for standard error.
+ * @return The number of objects and blocks reported; -1 when `leaks` is off. */
+VOKT_API int64_t Runtime_ReportLeaks(FILE *out);
+/** (extension) Counts the live objects of a class that the `leaks` check recorded.
+ * @param className The class name ("String", "Vector", ...); null counts every object.
+ * @return The count, leaving out what the runtime keeps for the whole process; -1 when
+ *         `leaks` is off. */
+VOKT_API int64_t Runtime_CountLive(const char *className);
+
+#ifdef __cplusplus
+}
+#endif
+#endif

@@ -1,0 +1,226 @@
+// SPDX-License-Identifier: MIT
+// Private to the checks: what their parts share. The checks keep their own memory (mapped
+// straight from the system) and their own short lock, so that they never pass through the
+// allocator or the Mutexes they watch.
+#ifndef VOKT_CHECKS_COMMON_H
+#define VOKT_CHECKS_COMMON_H
+
+#include <sched.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <sys/mman.h>
+
+#include "vokt/checks/internal/table.h"
+#include "vokt/internal/hooks.h"
+
+namespace vokt {
+
+// ---- Memory and locking
+
+// Zeroed memory straight from the system: the checks change nothing that the program's
+// allocator sees.
+inline void *MapZeroed(size_t bytes) {
+    void *block = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    return block == MAP_FAILED ? nullptr : block;
+}
+inline void Unmap(void *block, size_t bytes) {
+    if (block) munmap(block, bytes);
+}
+// A table's array, mapped the first time a check that needs it is switched on (under the
+// switch's lock, before any hook can reach it); true once it is there.
+template <typename T>
+bool MapArray(T *&array, size_t count) {
+    if (!array) array = static_cast<T *>(MapZeroed(count * sizeof(T)));
+    return array != nullptr;
+}
+// Doubles a table that has no room for one more entry (its first array has 256 slots);
+// false when no memory could be had.
+template <typename T>
+bool MakeRoom(T &table) {
+    if (!table.Full()) return true;
+    using Slot = typename T::Slot;
+    const size_t slotBytes = sizeof(Slot);  // NOLINT(bugprone-sizeof-expression): a table's slots may be pointers
+    const size_t capacity = table.Capacity() ? table.Capacity() * 2 : 256;
+    auto *slots = static_cast<Slot *>(MapZeroed(capacity * slotBytes));
+    if (!slots) return false;
+    const size_t old = table.Capacity();
+    Unmap(table.MoveTo(slots, capacity), old * slotBytes);
+    return true;
+}
+
+// The one mixing function of the checks' tables (a 64-bit finaliser: every output bit
+// depends on every input bit, so that any slice of it serves as an index).
+inline uint64_t Mix64(uint64_t h) {
+    h ^= h >> 33;
+    h *= 0xFF51AFD7ED558CCDull;
+    h ^= h >> 33;
+    h *= 0xC4CEB9FE1A85EC53ull;
+    h ^= h >> 33;
+    return h;
+}
+inline uint64_t Mix(uint64_t a, uint64_t b) { return Mix64(a * 0x9E3779B97F4A7C15ull ^ b); }
+
+class SpinLock {
+public:
+    void lock() {
+        while (__atomic_exchange_n(&word_, 1, __ATOMIC_ACQUIRE) != 0)
+            while (__atomic_load_n(&word_, __ATOMIC_RELAXED) != 0) sched_yield();
+    }
+    void unlock() { __atomic_store_n(&word_, 0, __ATOMIC_RELEASE); }
+
+private:
+    int word_ = 0;
+};
+// Takes a part's locks in order before fork(), or releases them in the opposite order
+// after it.
+template <size_t N>
+void ForkLocks(bool take, SpinLock *const (&locks)[N]) {
+    for (size_t i = 0; i < N; i++) take ? locks[i]->lock() : locks[N - 1 - i]->unlock();
+}
+class SpinGuard {
+public:
+    explicit SpinGuard(SpinLock &lock) : lock_(lock) { lock_.lock(); }
+    ~SpinGuard() { lock_.unlock(); }
+    SpinGuard(const SpinGuard &) = delete;
+    SpinGuard &operator=(const SpinGuard &) = delete;
+
+private:
+    SpinLock &lock_;
+};
+
+// ---- Each thread's part (thread.cpp)
+
+// Reached through one initial-exec pointer (a variable of its own per field would cost a
+// call into the dynamic loader each, in a library that may be loaded late). Made on the
+// thread's first need, released when it ends.
+struct Taken {  // a Mutex the thread holds
+    Mutex *mutex;
+    uint32_t node;
+    uint32_t site;
+    uint32_t depth;
+};
+constexpr int kHeldKept = 32;  // Mutexes a thread holds that it keeps, in the order taken
+struct CheckThread {
+    int reporting;       // inside a report: the hooks stand aside
+    int kept;            // depth of KeptForProcess scopes
+    uint32_t number;     // the thread's number in reports
+    uintptr_t stackEnd;  // 0 until asked
+    uint32_t lockEpoch;  // the switching-on of `locks` that heldCount belongs to
+    int heldCount;       // kept in held
+    int unkept;          // held beyond those: only counted
+    Taken held[kHeldKept];
+};
+extern __thread CheckThread *t_checkThread __attribute__((tls_model("initial-exec")));
+CheckThread *MakeCheckThread();
+// The calling thread's part.
+inline CheckThread *Me() { return t_checkThread ? t_checkThread : MakeCheckThread(); }
+inline bool Reporting() { return Me()->reporting != 0; }
+// Small numbers for threads, in the order the checks first meet them.
+uint32_t ThreadNumber();
+
+// ---- Call sites (sites.cpp, frames.cpp)
+
+// The program's call site of the calling library function, as a site number (0: none known).
+uint32_t CaptureSite();
+// The frames a site prints, outermost last (none for site 0 or a chain that could not be read).
+struct Frames {
+    void *const *pc;
+    uint32_t count;
+};
+Frames FramesOf(uint32_t site);
+// One frame as text: "f+0x2f (app, app.c:12)".
+void FormatFrame(void *pc, char *out, size_t room);
+bool SitesPrepare();
+bool FramesPrepare();
+void SitesFork(bool take);
+void FramesFork(bool take);
+
+// ---- Reports (report.cpp)
+
+// One report line, made in the checks' own memory: "vokt: " and then what is added. A line
+// longer than its room is cut; without memory for it, the first kSmall bytes still go out.
+class Line {
+public:
+    explicit Line(size_t room);
+    ~Line();
+    Line(const Line &) = delete;
+    Line &operator=(const Line &) = delete;
+    // NOLINTNEXTLINE(cert-dcl50-cpp): printf-style, so that the compiler checks each format
+    [[gnu::format(printf, 2, 3)]] Line &Add(const char *format, ...);
+    // A site: "f+0x2f (app) <- main+0x11 (app)", or "an unknown site".
+    Line &AddSite(uint32_t site);
+    // On standard error and in the log at level 0; the calling thread's hooks stand aside
+    // meanwhile (the log locks and allocates).
+    void Send();
+    // To out only.
+    void Print(FILE *out);
+
+private:
+    static constexpr size_t kSmall = 512;
+    char *text_;
+    size_t room_, used_;
+    bool mapped_;
+    char small_[kSmall];
+};
+// True the first time a report of this kind is asked for this pair of values.
+enum ReportKind : uint32_t {
+    kReportUse = 1,
+    kInversion = 3,
+    kForeignUnlock = 4,
+    kEndedHolding = 5,
+    kHoldAndWait = 6,
+};
+bool FirstTime(ReportKind kind, uint64_t a, uint64_t b);
+bool ReportPrepare();
+void ReportFork(bool take);
+
+// ---- Block records (records.cpp) and the leak report (leaks.cpp)
+
+enum : uint32_t { kKept = 1, kQuarantined = 2, kGenerationShift = 8 };
+struct Record {
+    uintptr_t block;  // 0: empty
+    size_t size;
+    const ClassDescriptor *cls;  // the class of an object; null for any other block
+    uint32_t site;
+    uint32_t flags;  // kKept, kQuarantined, and the generation above kGenerationShift
+};
+// Records the block under its own key (a record that cannot be kept is dropped).
+void Insert(const Record &r);
+// Takes the record of block out into out; false when there is none.
+bool Take(uintptr_t block, Record *out);
+// Calls visit on every record, each under its table's lock.
+void EachRecord(void (*visit)(const Record &, void *), void *context);
+// True for a record that the leak report counts: made by this process, and neither kept for
+// the process nor held back in the quarantine.
+bool Reported(const Record &r);
+// Puts the recorders in front of the program's allocator, for good.
+void InstallRecorders();
+void RecordsFork(bool take, bool inChild);
+// Writes the leak report (when is "at exit" or "now"): to out, or through Line::Send when
+// out is null. The number of objects and blocks reported, or -1.
+int64_t WriteLeaks(FILE *out, const char *when);
+
+// ---- Destroyed objects (quarantine.cpp)
+
+// Holds a destroyed object back instead of releasing it (its record r just taken out).
+void Quarantine(void *block, Record r);
+// Reports a use of a quarantined object, once per pair of sites.
+void ReportUse(const void *object);
+// Releases the oldest objects held back until the quarantine is within bytes.
+void ReleaseQuarantine(size_t bytes);
+bool QuarantinePrepare();
+void QuarantineFork(bool take);
+
+// ---- Lock order (lockorder.cpp)
+
+// A thread that ends with Mutexes held is reported (called as its part is released).
+void LocksAtThreadEnd(CheckThread *me);
+// Holds recorded before `locks` was last switched on are forgotten: the unlocks made while it
+// was off were never seen.
+void LocksSwitchedOn();
+bool LockOrderPrepare();
+void LockOrderFork(bool take);
+
+}  // namespace vokt
+
+#endif

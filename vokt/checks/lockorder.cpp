@@ -1,0 +1,296 @@
+// SPDX-License-Identifier: MIT
+// The `locks` check: the order in which threads take vokt Mutexes, kept as a graph whose
+// nodes are Mutexes and whose edges say "taken while holding". A new edge that closes a
+// cycle is an inversion that can deadlock, reported even when this run did not; so are an
+// unlock by a thread that does not hold the Mutex, a thread that ends holding one, and a
+// wait entered while holding one.
+#include <pthread.h>
+
+#include "vokt/checks/internal/common.h"
+#include "vokt/internal/lock.h"
+
+namespace vokt {
+
+namespace {
+
+// Mutexes by address, read without a lock (see checks::Table). A Mutex initialised again
+// gets a new node; node 0 is none.
+constexpr size_t kNodeSlots = 1u << 20;
+struct NodeSlot {
+    uintptr_t mutex;
+    uint32_t node;
+};
+struct NodeTraits {
+    static bool Empty(const NodeSlot &s) { return __atomic_load_n(&s.mutex, __ATOMIC_ACQUIRE) == 0; }
+    static uint64_t Hash(const NodeSlot &s) { return Mix64(s.mutex); }
+};
+NodeSlot *g_nodeSlots = nullptr;
+checks::Table<NodeSlot, NodeTraits> g_nodes;
+uint32_t g_nodeCount = 0;
+SpinLock g_nodeLock;
+
+// Edges "from before to", found without a lock and added under g_graphLock with the cycle
+// search. An edge's number is its slot's index plus one, so that 0 ends a list of edges.
+constexpr size_t kEdgeSlots = 1u << 18;
+struct Edge {
+    uint64_t key;  // from << 32 | to; 0: empty
+    uint32_t fromSite, toSite;
+    uint32_t thread;
+    uint32_t next;  // the next edge out of the same node
+};
+struct EdgeTraits {
+    static bool Empty(const Edge &e) { return __atomic_load_n(&e.key, __ATOMIC_ACQUIRE) == 0; }
+    static uint64_t Hash(const Edge &e) { return Mix64(e.key); }
+};
+Edge *g_edgeSlots = nullptr;
+checks::Table<Edge, EdgeTraits> g_edges;
+SpinLock g_graphLock;
+
+// By node: its first edge out, the search that last passed it and the edge it came in by,
+// and the Mutex's address.
+uint32_t *g_firstEdge = nullptr;
+uint32_t *g_visited = nullptr;
+uint32_t *g_parentEdge = nullptr;
+uintptr_t *g_nodeMutex = nullptr;
+uint32_t g_search = 0;
+
+uint32_t g_lockEpoch = 0;
+
+// The calling thread's part, its holds forgotten when `locks` has been switched on since.
+CheckThread *Holder() {
+    CheckThread *me = Me();
+    const uint32_t epoch = __atomic_load_n(&g_lockEpoch, __ATOMIC_RELAXED);
+    if (me->lockEpoch != epoch) {
+        me->lockEpoch = epoch;
+        me->heldCount = 0;
+        me->unkept = 0;
+    }
+    return me;
+}
+
+bool g_ready = false;
+
+// The tables are made when `locks` is first switched on (LockOrderPrepare), before any hook
+// can run; the hooks still see them through this acquire, whatever the machine.
+inline bool Ready() { return __atomic_load_n(&g_ready, __ATOMIC_ACQUIRE); }
+
+bool SameMutex(const NodeSlot &s, uintptr_t key) { return __atomic_load_n(&s.mutex, __ATOMIC_RELAXED) == key; }
+
+// The node of a Mutex, made at its first lock. 0 when the table is full: that Mutex then
+// takes no part.
+uint32_t NodeOf(Mutex *m) {
+    const auto key = reinterpret_cast<uintptr_t>(m);
+    const auto same = [key](const NodeSlot &s) { return SameMutex(s, key); };
+    if (const NodeSlot *known = g_nodes.Find(Mix64(key), same)) return __atomic_load_n(&known->node, __ATOMIC_RELAXED);
+    SpinGuard guard(g_nodeLock);
+    if (const NodeSlot *known = g_nodes.Find(Mix64(key), same))  // another thread's
+        return __atomic_load_n(&known->node, __ATOMIC_RELAXED);
+    if (!checks::Table<NodeSlot, NodeTraits>::Fits(g_nodeCount, kNodeSlots)) return 0;  // no node number left
+    NodeSlot *slot = g_nodes.Claim(Mix64(key));
+    if (!slot) return 0;
+    const uint32_t node = ++g_nodeCount;
+    g_nodeMutex[node] = key;
+    __atomic_store_n(&slot->node, node, __ATOMIC_RELAXED);
+    __atomic_store_n(&slot->mutex, key, __ATOMIC_RELEASE);
+    return node;
+}
+
+// A Mutex initialised again is a new node: the orders of the old one are not its own.
+void Renew(Mutex *m) {
+    const auto key = reinterpret_cast<uintptr_t>(m);
+    SpinGuard guard(g_nodeLock);
+    NodeSlot *known = g_nodes.Find(Mix64(key), [key](const NodeSlot &s) { return SameMutex(s, key); });
+    // Never locked: its node comes with its first lock.
+    if (!known || !checks::Table<NodeSlot, NodeTraits>::Fits(g_nodeCount, kNodeSlots)) return;
+    g_nodeMutex[++g_nodeCount] = key;
+    __atomic_store_n(&known->node, g_nodeCount, __ATOMIC_RELAXED);
+}
+
+uint64_t EdgeKey(uint32_t from, uint32_t to) { return static_cast<uint64_t>(from) << 32 | to; }
+Edge &EdgeAt(uint32_t number) { return g_edgeSlots[number - 1]; }
+const Edge *FindEdge(uint64_t key) {
+    return g_edges.Find(Mix64(key), [key](const Edge &e) { return __atomic_load_n(&e.key, __ATOMIC_RELAXED) == key; });
+}
+
+// The shortest path of orders from one node to another, its first steps kept.
+constexpr int kStepsShown = 8;
+struct Path {
+    Edge steps[kStepsShown];
+    int length;  // all its steps, kept or not
+};
+
+bool PathLocked(uint32_t from, uint32_t to, Path *path) {
+    const uint32_t search = ++g_search;
+    constexpr size_t kQueue = 1024;  // nodes searched at the most
+    uint32_t queue[kQueue];
+    size_t head = 0, tail = 0;
+    queue[tail++] = from;
+    g_visited[from] = search;
+    while (head < tail) {
+        const uint32_t node = queue[head++];
+        for (uint32_t e = g_firstEdge[node]; e; e = EdgeAt(e).next) {
+            const auto next = static_cast<uint32_t>(EdgeAt(e).key);
+            if (g_visited[next] == search) continue;
+            g_visited[next] = search;
+            g_parentEdge[next] = e;
+            if (next != to) {
+                if (tail < kQueue) queue[tail++] = next;
+                continue;
+            }
+            uint32_t reversed[kQueue];
+            int length = 0;
+            for (uint32_t at = to; at != from && length < static_cast<int>(kQueue);
+                 at = static_cast<uint32_t>(EdgeAt(g_parentEdge[at]).key >> 32))
+                reversed[length++] = g_parentEdge[at];
+            path->length = length;
+            for (int i = 0; i < length && i < kStepsShown; i++) path->steps[i] = EdgeAt(reversed[length - 1 - i]);
+            return true;
+        }
+    }
+    return false;
+}
+
+Mutex *MutexOf(uint32_t node) { return reinterpret_cast<Mutex *>(g_nodeMutex[node]); }  // NOLINT(performance-no-int-to-ptr): printed only
+
+// "Mutex 0x.. then Mutex 0x.. in thread n, locked at <site>, then at <site>"
+void AddStep(Line &line, const void *first, const void *second, uint32_t thread, uint32_t firstSite,
+             uint32_t secondSite) {
+    line.Add("Mutex %p then Mutex %p in thread %u, locked at ", first, second, thread).AddSite(firstSite);
+    line.Add(", then at ").AddSite(secondSite);
+}
+
+void ReportInversion(const Taken &before, Mutex *after, uint32_t afterSite, const Path &opposite) {
+    if (!FirstTime(kInversion, before.site, afterSite)) return;
+    Line line(2 * 4096 * (kStepsShown + 1) + 1024);
+    line.Add("lock order inversion: ");
+    AddStep(line, before.mutex, after, ThreadNumber(), before.site, afterSite);
+    if (opposite.length == 1) {
+        const Edge &e = opposite.steps[0];
+        line.Add("; the opposite order was taken in thread %u, locked at ", e.thread).AddSite(e.fromSite);
+        line.Add(", then at ").AddSite(e.toSite);
+    } else {
+        line.Add("; the opposite order was taken in %d steps", opposite.length);
+        for (int i = 0; i < opposite.length && i < kStepsShown; i++) {
+            const Edge &e = opposite.steps[i];
+            line.Add("%s", i ? "; " : ": ");
+            AddStep(line, MutexOf(static_cast<uint32_t>(e.key >> 32)), MutexOf(static_cast<uint32_t>(e.key)), e.thread,
+                    e.fromSite, e.toSite);
+        }
+        if (opposite.length > kStepsShown) line.Add("; and %d more", opposite.length - kStepsShown);
+    }
+    line.Send();
+}
+
+// Records "before, then after"; an edge that closes a cycle is reported.
+void Order(const Taken &before, Mutex *after, uint32_t node, uint32_t site) {
+    const uint64_t key = EdgeKey(before.node, node);
+    if (FindEdge(key)) return;
+    Path opposite{};
+    bool cycle = false;
+    {
+        SpinGuard guard(g_graphLock);
+        if (FindEdge(key) || g_edges.Full()) return;
+        cycle = PathLocked(node, before.node, &opposite);
+        Edge *edge = g_edges.Claim(Mix64(key));
+        edge->fromSite = before.site;
+        edge->toSite = site;
+        edge->thread = ThreadNumber();
+        edge->next = g_firstEdge[before.node];
+        g_firstEdge[before.node] = static_cast<uint32_t>(edge - g_edgeSlots) + 1;
+        __atomic_store_n(&edge->key, key, __ATOMIC_RELEASE);
+    }
+    if (cycle) ReportInversion(before, after, site, opposite);
+}
+
+}  // namespace
+
+bool LockOrderPrepare() {
+    if (Ready()) return true;
+    if (!MapArray(g_nodeSlots, kNodeSlots) || !MapArray(g_edgeSlots, kEdgeSlots) ||
+        !MapArray(g_firstEdge, kNodeSlots) || !MapArray(g_visited, kNodeSlots) ||
+        !MapArray(g_parentEdge, kNodeSlots) || !MapArray(g_nodeMutex, kNodeSlots))
+        return false;
+    g_nodes.Attach(g_nodeSlots, kNodeSlots);
+    g_edges.Attach(g_edgeSlots, kEdgeSlots);
+    __atomic_store_n(&g_ready, true, __ATOMIC_RELEASE);
+    return true;
+}
+
+void LocksSwitchedOn() { __atomic_add_fetch(&g_lockEpoch, 1, __ATOMIC_RELAXED); }
+
+void LocksAtThreadEnd(CheckThread *me) {
+    if (!Checking(kCheckLocks) || me->lockEpoch != __atomic_load_n(&g_lockEpoch, __ATOMIC_RELAXED)) return;
+    for (int i = 0; i < me->heldCount; i++) {
+        const Taken &held = me->held[i];
+        if (!FirstTime(kEndedHolding, held.site, 0)) continue;
+        Line line(4400);
+        line.Add("thread %u ended holding Mutex %p, locked at ", ThreadNumber(), static_cast<void *>(held.mutex));
+        line.AddSite(held.site).Send();
+    }
+    me->heldCount = 0;
+}
+
+void LockTaken(Mutex *m) {
+    CheckThread *me = Holder();
+    if (me->reporting || !Ready()) return;
+    Taken *held = me->held;
+    for (int i = me->heldCount; i-- > 0;)
+        if (held[i].mutex == m) {  // a deeper hold: no new order
+            held[i].depth++;
+            return;
+        }
+    const uint32_t node = NodeOf(m);
+    if (node == 0) return;
+    const uint32_t site = CaptureSite();
+    for (int i = 0; i < me->heldCount; i++) Order(held[i], m, node, site);
+    if (me->heldCount < kHeldKept)
+        held[me->heldCount++] = Taken{m, node, site, 1};
+    else
+        me->unkept++;  // no room: counted, so that its unlock is not taken for another thread's
+}
+
+void UnlockSeen(Mutex *m) {
+    CheckThread *me = Holder();
+    if (me->reporting || !Ready()) return;
+    Taken *held = me->held;
+    for (int i = me->heldCount; i-- > 0;) {
+        if (held[i].mutex != m) continue;
+        if (--held[i].depth == 0) {
+            for (int j = i + 1; j < me->heldCount; j++) held[j - 1] = held[j];  // most often none: the last taken goes first
+            me->heldCount--;
+        }
+        return;
+    }
+    // Not held here: by another thread, by nobody, or taken before the check was on. The
+    // Mutex's own owner tells which.
+    if (LoadOwner(m) == pthread_self()) {
+        if (me->unkept > 0) me->unkept--;
+        return;
+    }
+    const uint32_t site = CaptureSite();
+    if (!FirstTime(kForeignUnlock, site, 0)) return;
+    Line line(4400);
+    line.Add("Mutex %p unlocked by a thread that does not hold it, at ", static_cast<void *>(m)).AddSite(site).Send();
+}
+
+void MutexMade(Mutex *m) {
+    if (Ready()) Renew(m);
+}
+
+void WaitEntered(const char *what) {
+    const CheckThread *me = Holder();
+    if (me->reporting || me->heldCount == 0 || !Ready()) return;
+    const Taken &held = me->held[0];
+    const uint32_t site = CaptureSite();
+    if (!FirstTime(kHoldAndWait, site, held.site)) return;
+    Line line(8600);
+    line.Add("wait on %s %s at ", what[0] == 'E' ? "an" : "a", what).AddSite(site);
+    line.Add(" while holding Mutex %p, locked at ", static_cast<void *>(held.mutex)).AddSite(held.site).Send();
+}
+
+void LockOrderFork(bool take) {
+    SpinLock *const locks[] = {&g_nodeLock, &g_graphLock};
+    ForkLocks(take, locks);
+}
+
+}  // namespace vokt

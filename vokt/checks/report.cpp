@@ -1,0 +1,95 @@
+// SPDX-License-Identifier: MIT
+// Reports: each one line that starts with "vokt: ", made by Line, and said once for each
+// pair of values (most often two sites) that tells one mistake from another.
+#include <stdarg.h>
+#include <string.h>
+
+#include "vokt/checks/internal/common.h"
+#include "vokt/diag/log.h"
+
+namespace vokt {
+
+namespace {
+
+constexpr char kPrefix[] = "vokt: ";
+
+// The reports already made, by key (0: empty).
+struct SeenTraits {
+    static bool Empty(uint64_t key) { return key == 0; }
+    static uint64_t Hash(uint64_t key) { return Mix(key, 0); }
+};
+constexpr size_t kSeenSlots = 1u << 16;
+uint64_t *g_seenSlots = nullptr;
+checks::Table<uint64_t, SeenTraits> g_seen;
+SpinLock g_seenLock;
+
+}  // namespace
+
+Line::Line(size_t room) : text_(static_cast<char *>(MapZeroed(room))), room_(room), used_(0), mapped_(true) {
+    if (!text_) text_ = small_, room_ = kSmall, mapped_ = false;
+    Add("%s", kPrefix);
+}
+
+Line::~Line() {
+    if (mapped_) Unmap(text_, room_);
+}
+
+// NOLINTNEXTLINE(cert-dcl50-cpp): printf-style, so that the compiler checks each format
+Line &Line::Add(const char *format, ...) {
+    if (used_ + 1 >= room_) return *this;
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text_ + used_, room_ - used_, format, args);  // cut where it does not fit
+    va_end(args);
+    used_ += strlen(text_ + used_);
+    return *this;
+}
+
+Line &Line::AddSite(uint32_t site) {
+    const Frames frames = FramesOf(site);
+    if (frames.count == 0) return Add("an unknown site");
+    char text[4096];  // a site's text is cut here, whatever room the line has
+    size_t used = 0;
+    text[0] = '\0';
+    for (uint32_t i = 0; i < frames.count && used + 1 < sizeof text; i++) {
+        char frame[1200];
+        FormatFrame(frames.pc[i], frame, sizeof frame);
+        snprintf(text + used, sizeof text - used, "%s%s", i ? " <- " : "", frame);
+        used += strlen(text + used);
+    }
+    return Add("%s", text);
+}
+
+void Line::Send() {
+    CheckThread *me = Me();
+    me->reporting++;
+    fprintf(stderr, "%s\n", text_);
+    fflush(stderr);
+    Log_Write(0, "%s", text_);
+    me->reporting--;
+}
+
+void Line::Print(FILE *out) {
+    fprintf(out, "%s\n", text_);
+    fflush(out);
+}
+
+bool FirstTime(ReportKind kind, uint64_t a, uint64_t b) {
+    const uint64_t key = (static_cast<uint64_t>(kind) << 60) ^ (a << 30) ^ b ^ 1;
+    SpinGuard guard(g_seenLock);
+    if (g_seen.Find(SeenTraits::Hash(key), [key](uint64_t seen) { return seen == key; })) return false;
+    uint64_t *slot = g_seen.Claim(SeenTraits::Hash(key));
+    if (!slot) return false;  // the table is full: stay quiet rather than repeat
+    *slot = key;
+    return true;
+}
+
+bool ReportPrepare() {
+    if (!MapArray(g_seenSlots, kSeenSlots)) return false;
+    if (!g_seen.Slots()) g_seen.Attach(g_seenSlots, kSeenSlots);
+    return true;
+}
+
+void ReportFork(bool take) { take ? g_seenLock.lock() : g_seenLock.unlock(); }
+
+}  // namespace vokt

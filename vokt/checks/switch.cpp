@@ -1,0 +1,105 @@
+// SPDX-License-Identifier: MIT
+// The switch: which checks are on, read from VOKT_CHECK when the library is loaded or set
+// from code, and what each needs made first.
+#include <stdlib.h>
+#include <string.h>
+
+#include "vokt/checks/checks.h"
+#include "vokt/checks/internal/common.h"
+#include "vokt/internal/fork.h"
+
+namespace vokt {
+
+uint32_t g_checks = 0;
+
+namespace {
+
+// A comma-separated list of words; spaces around a word do not count.
+uint32_t ParseChecks(const char *text) {
+    struct Word {
+        const char *word;
+        uint32_t flag;
+    };
+    static constexpr Word kWords[] = {{"leaks", VOKT_CHECK_LEAKS}, {"locks", VOKT_CHECK_LOCKS},
+                                      {"objects", VOKT_CHECK_OBJECTS}, {"all", VOKT_CHECK_ALL}};
+    uint32_t flags = 0;
+    for (const char *p = text; *p;) {
+        const size_t span = strcspn(p, ",");
+        const char *word = p;
+        size_t length = span;
+        while (length > 0 && *word == ' ') word++, length--;
+        while (length > 0 && word[length - 1] == ' ') length--;
+        bool known = length == 0;
+        for (const auto &w : kWords)
+            if (strlen(w.word) == length && strncmp(word, w.word, length) == 0) flags |= w.flag, known = true;
+        if (!known)
+            Line(320).Add("VOKT_CHECK: unknown check \"%.*s\" ignored", static_cast<int>(length > 200 ? 200 : length), word).Send();
+        p += span + (p[span] == ',' ? 1 : 0);
+    }
+    return flags;
+}
+
+// The tables of the checks asked for, each made once; false when memory could not be had.
+SpinLock g_switchLock;
+bool Prepare(uint32_t flags) {
+    if (!flags) return true;
+    SpinGuard guard(g_switchLock);
+    return ReportPrepare() && SitesPrepare() && FramesPrepare() && QuarantinePrepare() &&
+           (!(flags & VOKT_CHECK_LOCKS) || LockOrderPrepare());
+}
+
+void SetChecks(uint32_t flags) {
+    flags &= VOKT_CHECK_ALL;
+    if (!Prepare(flags)) {
+        Line(128).Add("the checks could not map their tables; they stay off").Print(stderr);
+        return;
+    }
+    const uint32_t before = __atomic_load_n(&g_checks, __ATOMIC_RELAXED);
+    if (flags & (VOKT_CHECK_LEAKS | VOKT_CHECK_OBJECTS)) InstallRecorders();
+    if ((flags & VOKT_CHECK_LOCKS) && !(before & VOKT_CHECK_LOCKS)) LocksSwitchedOn();
+    __atomic_store_n(&g_checks, flags, __ATOMIC_RELAXED);
+    if ((before & VOKT_CHECK_OBJECTS) && !(flags & VOKT_CHECK_OBJECTS)) ReleaseQuarantine(0);
+}
+
+// Read when the library is loaded, so that objects made before Runtime_Init are seen too.
+[[gnu::constructor]] void ReadSwitch() {
+    const char *text = getenv("VOKT_CHECK");  // NOLINT(concurrency-mt-unsafe): read once at load
+    if (text && text[0] != '\0') SetChecks(ParseChecks(text));
+}
+
+// At exit: what is still alive, then the quarantine goes back to the allocator.
+[[gnu::destructor]] void AtExit() {
+    if (Checking(kCheckLeaks)) WriteLeaks(nullptr, "at exit");
+    if (Checking(kCheckObjects)) ReleaseQuarantine(0);
+}
+
+}  // namespace
+
+// The checks' locks are taken last, after the runtime's Mutexes, and each alone (none is
+// taken while another is held), so any fixed order serves.
+void ChecksForkPrepare() {
+    SitesFork(true);
+    ReportFork(true);
+    FramesFork(true);
+    QuarantineFork(true);
+    RecordsFork(true, false);
+    LockOrderFork(true);
+}
+void ChecksForkRelease(bool inChild) {
+    LockOrderFork(false);
+    RecordsFork(false, inChild);
+    QuarantineFork(false);
+    FramesFork(false);
+    ReportFork(false);
+    SitesFork(false);
+}
+
+}  // namespace vokt
+
+extern "C" {
+
+void Runtime_SetChecks(uint32_t flags) { vokt::SetChecks(flags); }
+
+uint32_t Runtime_GetChecks(void) { return __atomic_load_n(&vokt::g_checks, __ATOMIC_RELAXED) & VOKT_CHECK_ALL; }
+
+}  // extern "C"

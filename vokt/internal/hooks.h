@@ -1,0 +1,63 @@
+// SPDX-License-Identifier: MIT
+// Private: where the checks (vokt/checks/) hook into the allocation layer, the objects and
+// the sync module. Switched off, each hook is one load and one well-predicted branch on the
+// hot path.
+#ifndef VOKT_INTERNAL_HOOKS_H
+#define VOKT_INTERNAL_HOOKS_H
+
+#include <stdint.h>
+
+#include "vokt/core/object.h"
+#include "vokt/sync/vokt_sync.h"
+
+namespace vokt {
+
+enum : uint32_t {
+    kCheckLeaks = 1,
+    kCheckLocks = 2,
+    kCheckObjects = 4,
+    kCheckAll = 7,
+};
+
+// The checks in force. Written rarely (start-up, Runtime_SetChecks), read on
+// every hook; relaxed atomics compile to plain moves.
+extern uint32_t g_checks;
+
+[[gnu::always_inline]] inline bool Checking(uint32_t which) {
+    return __builtin_expect((__atomic_load_n(&g_checks, __ATOMIC_RELAXED) & which) != 0, 0);
+}
+
+// The class of an object just allocated, for its record (leaks, objects).
+void NoteClass(void *object, const ClassDescriptor *cls);
+
+// Gives every destroyed object held back to the allocator (before the allocator changes).
+void ReleaseQuarantined();
+
+// Blocks allocated while one of these lives on a thread belong to the runtime for the whole
+// process (the log's and the error store's state) and are never reported as leaks.
+struct CheckThread;
+class KeptForProcess {
+public:
+    KeptForProcess();
+    ~KeptForProcess();
+    KeptForProcess(const KeptForProcess &) = delete;
+    KeptForProcess &operator=(const KeptForProcess &) = delete;
+
+private:
+    CheckThread *me_ = nullptr;
+};
+
+// True (after a report) when object was destroyed while `objects` was on: the caller must
+// then leave it alone.
+bool Destroyed(const void *object);
+inline bool IsDestroyed(const void *object) { return Checking(kCheckObjects) && object && Destroyed(object); }
+
+// Lock order and holds (the sync module calls these with `locks` on).
+void LockTaken(Mutex *m);            // after the lock is held
+void UnlockSeen(Mutex *m);           // before the unlock (reported when the caller does not hold m)
+void MutexMade(Mutex *m);            // Mutex_Init: a new node
+void WaitEntered(const char *what);  // before a wait on a Condition or an Event
+
+}  // namespace vokt
+
+#endif
