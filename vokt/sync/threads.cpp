@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 // Threads started through a trampoline that records each one's end in a slot of its own, so
-// that a record answers for its thread until it is joined.
+// that a record answers for its thread until it is joined. The thread layer's records are
+// the caller's; the only memory it takes is room for more slots, when more threads run at
+// once than its static slots hold.
 #include <errno.h>
 #include <stdio.h>
 #include <string.h>
