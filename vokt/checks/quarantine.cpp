@@ -1,7 +1,9 @@
 // SPDX-License-Identifier: MIT
-// Destroyed objects, while `objects` is on: the record keeps its memory, zeroed but for a
-// descriptor that names the class and the site of the destruction and reports every use,
-// until the quarantine passes its bound and the oldest go back to the allocator.
+// Destroyed objects, while `objects` is on: the memory is held back, zeroed but for a
+// descriptor that reports every use, until the quarantine passes its bound and the oldest go
+// back to the allocator. What an address holds (a live object, one held back, one given back)
+// is told by the records alone, never by reading the memory.
+#include <stdlib.h>
 #include <string.h>
 
 #include "vokt/checks/internal/common.h"
@@ -11,35 +13,35 @@ namespace vokt {
 
 namespace {
 
-struct Zombie {
-    ClassDescriptor cls;  // first: a destroyed object's descriptor points here
-    const ClassDescriptor *original;
-    uint32_t destroyedAt;
-};
-
-constexpr size_t kQuarantineBytes = 4u << 20;
+size_t g_quarantineBytes = 4u << 20;  // the bound, set by VOKT_CHECK_QUARANTINE
 constexpr size_t kQuarantineSlots = 1u << 16;
-void **g_quarantine = nullptr;  // a ring of blocks, oldest first
-size_t g_quarantineHead = 0, g_quarantineCount = 0, g_quarantineBytes = 0;
+struct Held {
+    void *block;
+    size_t size;
+};
+Held *g_quarantine = nullptr;  // a ring, oldest first
+size_t g_head = 0, g_count = 0, g_bytes = 0;
 SpinLock g_quarantineLock;
 
-// One descriptor for each class and destruction site, made in an arena of the checks' own
-// and kept for the process.
-uint64_t ZombieHash(const ClassDescriptor *original, uint32_t site) {
-    return Mix(reinterpret_cast<uintptr_t>(original), site);
-}
+// The descriptor of a destroyed object of each class: its slots report the use; the record
+// tells the rest. Made in an arena of the checks' own and kept for the process.
 struct ZombieTraits {
-    static bool Empty(const Zombie *z) { return z == nullptr; }
-    static uint64_t Hash(const Zombie *z) { return ZombieHash(z->original, z->destroyedAt); }
+    static bool Empty(const ClassDescriptor *z) { return z == nullptr; }
+    static uint64_t Hash(const ClassDescriptor *z) { return Mix64(reinterpret_cast<uintptr_t>(z->name)); }
 };
-checks::Table<Zombie *, ZombieTraits> g_zombies;
+checks::Table<ClassDescriptor *, ZombieTraits> g_zombies;
 char *g_zombieArena = nullptr;
 size_t g_zombieArenaLeft = 0;
 SpinLock g_zombieLock;
 
-void ZombieDestroy(void *object) { ReportUse(object); }
+void Report(const void *object, bool destroying) {
+    Record r{};
+    const Known known = Examine(reinterpret_cast<uintptr_t>(object), &r);
+    if (known == Known::kHeld || known == Known::kGone) ReportDestroyed(r, destroying);
+}
+void ZombieDestroy(void *object) { Report(object, true); }
 int32_t ZombieEquals(const void *probe, const void *stored) {
-    ReportUse(probe);
+    Report(probe, false);
     IsDestroyed(stored);
     return 0;
 }
@@ -48,99 +50,103 @@ int ZombieCompare(const void *pa, const void *pb) {
     IsDestroyed(*static_cast<void *const *>(pb));
     return 0;
 }
-int32_t ZombieHashSlot(const void *object) {
-    ReportUse(object);
+int32_t ZombieHash(const void *object) {
+    Report(object, false);
     return 0;
 }
 
-const Zombie *ZombieOf(const void *object) {
-    const ClassDescriptor *cls = static_cast<const Object *>(object)->ftbl;
-    return cls && cls->Destroy == ZombieDestroy ? reinterpret_cast<const Zombie *>(cls) : nullptr;
-}
-
-const Zombie *ZombieFor(const ClassDescriptor *original, uint32_t site) {
+// Keyed by the class's name, which the zombie shares with it.
+const ClassDescriptor *ZombieFor(const ClassDescriptor *original) {
     SpinGuard guard(g_zombieLock);
-    const uint64_t hash = ZombieHash(original, site);
-    if (Zombie *const *known = g_zombies.Find(hash, [&](const Zombie *z) { return z->original == original && z->destroyedAt == site; }))
+    const uint64_t hash = Mix64(reinterpret_cast<uintptr_t>(original->name));
+    if (ClassDescriptor *const *known = g_zombies.Find(hash, [&](const ClassDescriptor *z) {
+            return z->name == original->name && z->size == original->size;
+        }))
         return *known;
-    if (g_zombieArenaLeft < sizeof(Zombie)) {
+    if (g_zombieArenaLeft < sizeof(ClassDescriptor)) {
         constexpr size_t kArena = 1u << 16;
         g_zombieArena = static_cast<char *>(MapZeroed(kArena));
         if (!g_zombieArena) return nullptr;
         g_zombieArenaLeft = kArena;
     }
     if (!MakeRoom(g_zombies)) return nullptr;
-    auto *z = reinterpret_cast<Zombie *>(g_zombieArena);
-    g_zombieArena += sizeof(Zombie);
-    g_zombieArenaLeft -= sizeof(Zombie);
-    z->cls = ClassDescriptor{original->size, original->name, ZombieDestroy, ZombieEquals, ZombieCompare, ZombieHashSlot};
-    z->original = original;
-    z->destroyedAt = site;
+    auto *z = reinterpret_cast<ClassDescriptor *>(g_zombieArena);
+    g_zombieArena += sizeof(ClassDescriptor);
+    g_zombieArenaLeft -= sizeof(ClassDescriptor);
+    *z = ClassDescriptor{original->size, original->name, ZombieDestroy, ZombieEquals, ZombieCompare, ZombieHash};
     *g_zombies.Claim(hash) = z;
     return z;
 }
 
 }  // namespace
 
-void ReportUse(const void *object) {
-    const Zombie *z = ZombieOf(object);
-    if (!z || Reporting()) return;
-    const uint32_t usedAt = CaptureSite();
-    if (!FirstTime(kReportUse, z->destroyedAt, usedAt)) return;
+void ReportDestroyed(const Record &r, bool destroying) {
+    if (Reporting() || !r.cls) return;
+    const uint32_t at = CaptureSite();
+    // An address that held an earlier destroyed object may be reached through that object's
+    // pointer: which one was destroyed where cannot be told, and no site is named.
+    const bool certain = !(r.flags & kReused);
+    if (!FirstTime(destroying ? kReportDestroy : kReportUse, certain ? r.site : 0, at)) return;
     Line line(8400);
-    line.Add("%s used after it was destroyed at ", z->original->name).AddSite(z->destroyedAt);
-    line.Add("; used at ").AddSite(usedAt).Send();
+    line.Add("%s %s after it was destroyed ", r.cls->name, destroying ? "destroyed again" : "used");
+    certain ? line.Add("at ").AddSite(r.site) : line.Add("earlier; its site is no longer kept");
+    line.Add(destroying ? "; destroyed again at " : "; used at ").AddSite(at).Send();
 }
 
 void ReleaseQuarantine(size_t bytes) {
     for (;;) {
-        void *block = nullptr;
+        Held oldest{};
         {
             SpinGuard guard(g_quarantineLock);
-            if (g_quarantineCount == 0 || (g_quarantineBytes <= bytes && g_quarantineCount < kQuarantineSlots)) return;
-            block = g_quarantine[g_quarantineHead];
-            g_quarantineHead = (g_quarantineHead + 1) % kQuarantineSlots;
-            g_quarantineCount--;
+            if (g_count == 0 || (g_bytes <= bytes && g_count < kQuarantineSlots)) return;
+            oldest = g_quarantine[g_head];
+            g_head = (g_head + 1) % kQuarantineSlots;
+            g_count--;
+            g_bytes -= oldest.size;
         }
+        // Its record stays as a tombstone; a block whose record went (a program that resized
+        // a destroyed object's memory) is the program's again, and not released here.
         Record r{};
-        if (Take(reinterpret_cast<uintptr_t>(block), &r)) {
-            {
-                SpinGuard guard(g_quarantineLock);
-                g_quarantineBytes -= r.size;
-            }
-            g_program.Free(block);
-        }
+        if (Bury(reinterpret_cast<uintptr_t>(oldest.block), &r)) g_program.Free(oldest.block);
     }
 }
 
-void Quarantine(void *block, Record r) {
-    const Zombie *z = ZombieFor(r.cls, CaptureSite());
-    if (!z) {
-        g_program.Free(block);
+void Quarantine(void *block, const Record &r) {
+    const ClassDescriptor *zombie = ZombieFor(r.cls);
+    SetDestroySite(reinterpret_cast<uintptr_t>(block), CaptureSite());
+    if (!zombie) {  // no memory for its descriptor: given back now, a tombstone left
+        Record buried{};
+        if (Bury(reinterpret_cast<uintptr_t>(block), &buried)) g_program.Free(block);
         return;
     }
     memset(block, 0, r.size);
-    static_cast<Object *>(block)->ftbl = &z->cls;
-    r.flags |= kQuarantined;
-    Insert(r);
+    static_cast<Object *>(block)->ftbl = zombie;
     {
         SpinGuard guard(g_quarantineLock);
-        g_quarantine[(g_quarantineHead + g_quarantineCount) % kQuarantineSlots] = block;
-        g_quarantineCount++;
-        g_quarantineBytes += r.size;
+        g_quarantine[(g_head + g_count) % kQuarantineSlots] = Held{block, r.size};
+        g_count++;
+        g_bytes += r.size;
     }
-    ReleaseQuarantine(kQuarantineBytes);
+    ReleaseQuarantine(g_quarantineBytes);
 }
 
-bool Destroyed(const void *object) {
-    if (!ZombieOf(object)) return false;
-    ReportUse(object);
+bool Destroyed(const void *object, bool destroying) {
+    Record r{};
+    const Known known = Examine(reinterpret_cast<uintptr_t>(object), &r);
+    if (known != Known::kHeld && known != Known::kGone) return false;
+    ReportDestroyed(r, destroying);
     return true;
 }
 
 void ReleaseQuarantined() { ReleaseQuarantine(0); }
 
-bool QuarantinePrepare() { return MapArray(g_quarantine, kQuarantineSlots); }
+bool QuarantinePrepare() {
+    if (!g_quarantine) {
+        const char *megabytes = getenv("VOKT_CHECK_QUARANTINE");  // NOLINT(concurrency-mt-unsafe): read once, when the checks are first switched on
+        if (megabytes && megabytes[0]) g_quarantineBytes = static_cast<size_t>(strtoul(megabytes, nullptr, 10)) << 20;
+    }
+    return MapArray(g_quarantine, kQuarantineSlots);
+}
 
 void QuarantineFork(bool take) {
     SpinLock *const locks[] = {&g_zombieLock, &g_quarantineLock};

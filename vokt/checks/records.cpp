@@ -67,25 +67,79 @@ void *RecordedRealloc(void *block, size_t size) {
     return moved;
 }
 
+// What a release finds, decided under the record's lock so that two threads releasing one
+// block cannot both give it back: a destroyed object found again stays as it is, an object
+// being destroyed is marked held back at once, any other record goes.
+Known Retire(uintptr_t block, Record *out) {
+    Stripe &s = StripeOf(block);
+    SpinGuard guard(s.lock);
+    Record *found = FindLocked(s, block);
+    if (!found) return Known::kNothing;
+    *out = *found;
+    if (found->flags & (kQuarantined | kGone)) return found->flags & kGone ? Known::kGone : Known::kHeld;
+    if (found->cls && Checking(kCheckObjects)) {
+        found->flags |= kQuarantined;
+        found->site = 0;  // until the destruction's site is known
+        return Known::kLive;
+    }
+    s.table.Remove(found);
+    out->cls = nullptr;  // a block, or an object the quarantine is off for: simply released
+    return Known::kLive;
+}
+
 void RecordedFree(void *block) {
     Record r{};
-    if (!Take(reinterpret_cast<uintptr_t>(block), &r)) return g_program.Free(block);
-    if (r.flags & kQuarantined) {  // released again: reported, and it stays where it is
-        Insert(r);
-        ReportUse(block);
-        return;
+    switch (Retire(reinterpret_cast<uintptr_t>(block), &r)) {
+        case Known::kNothing:
+            return g_program.Free(block);
+        case Known::kLive:
+            return r.cls ? Quarantine(block, r) : g_program.Free(block);
+        case Known::kHeld:  // destroyed again: reported, and it stays where it is
+            return ReportDestroyed(r, true);
+        case Known::kGone:  // its memory went back already: releasing it again would break the heap
+            if (Checking(kCheckObjects)) return ReportDestroyed(r, true);
+            Take(reinterpret_cast<uintptr_t>(block), &r);
+            return g_program.Free(block);
     }
-    if (r.cls && Checking(kCheckObjects)) return Quarantine(block, r);
-    g_program.Free(block);
 }
 
 }  // namespace
 
-void Insert(const Record &r) {
+void Insert(Record r) {
     Stripe &s = StripeOf(r.block);
     SpinGuard guard(s.lock);
+    if (Record *found = FindLocked(s, r.block)) {  // a tombstone, most often: the address is used again
+        if (found->flags & kGone) r.flags |= kReused;
+        *found = r;
+        return;
+    }
     if (!MakeRoom(s.table)) return;  // no room: the block goes unrecorded
     *s.table.Claim(RecordTraits::Hash(r)) = r;
+}
+
+Known Examine(uintptr_t block, Record *out) {
+    Stripe &s = StripeOf(block);
+    SpinGuard guard(s.lock);
+    const Record *found = FindLocked(s, block);
+    if (!found) return Known::kNothing;
+    *out = *found;
+    return found->flags & kGone ? Known::kGone : found->flags & kQuarantined ? Known::kHeld : Known::kLive;
+}
+
+bool Bury(uintptr_t block, Record *out) {
+    Stripe &s = StripeOf(block);
+    SpinGuard guard(s.lock);
+    Record *found = FindLocked(s, block);
+    if (!found || !(found->flags & kQuarantined)) return false;
+    *out = *found;
+    found->flags = (found->flags & ~kQuarantined) | kGone;
+    return true;
+}
+
+void SetDestroySite(uintptr_t block, uint32_t site) {
+    Stripe &s = StripeOf(block);
+    SpinGuard guard(s.lock);
+    if (Record *found = FindLocked(s, block)) found->site = site;
 }
 
 bool Take(uintptr_t block, Record *out) {
@@ -107,7 +161,7 @@ void EachRecord(void (*visit)(const Record &, void *), void *context) {
 
 bool Reported(const Record &r) {
     const uint32_t generation = __atomic_load_n(&g_generation, __ATOMIC_RELAXED) & (~0u >> kGenerationShift);
-    return !(r.flags & (kKept | kQuarantined)) && r.flags >> kGenerationShift == generation;
+    return !(r.flags & (kKept | kQuarantined | kGone)) && r.flags >> kGenerationShift == generation;
 }
 
 // Once installed the recorders stay: a block recorded must be found again when it goes,

@@ -52,6 +52,7 @@ CodeName *CodeName_New(void) { return NewCode(0, 0); }
 
 CodeName *CodeName_Copy(const CodeName *code) {
     VOKT_ASSERT_OR_RETURN(code != NULL, nullptr);
+    if (vokt::UsedAfterDestroy(code, &kCodeNameClass)) return nullptr;
     return NewCode(code->words[0], code->words[1]);
 }
 
@@ -90,12 +91,14 @@ int32_t CodeName_SetBlock(uint32_t *words, int32_t index, uint32_t value) {
 }
 
 uint64_t CodeName_Value(const CodeName *code) {
+    if (vokt::UsedAfterDestroy(code, &kCodeNameClass)) return 0;
     if (!code) return 0;
     return (static_cast<uint64_t>(code->words[1]) << 32) | code->words[0];
 }
 
 int32_t CodeName_ToName(const CodeName *code, String *out) {
     VOKT_ASSERT_OR_RETURN(code != NULL, -1);
+    if (vokt::UsedAfterDestroy(code, &kCodeNameClass)) return -1;
     char name[kBlocks + 1];
     int32_t n = 0;
     for (uint32_t v; n < kBlocks && (v = BlockOf(code->words, n)) != 0; n++) name[n] = CharOf(v);

@@ -124,6 +124,7 @@ ObjectSet *ObjectSet_New(void) {
 
 int32_t ObjectSet_Add(ObjectSet *set, void *obj, int32_t *added) {
     VOKT_ASSERT_OR_RETURN(set != NULL, -1);
+    if (vokt::UsedAfterDestroy(set, &kObjectSetClass.base)) return -1;
     VOKT_ASSERT_OR_RETURN(obj != NULL, -1);
     VOKT_ASSERT_OR_RETURN(ClassOf(obj)->Hash != NULL, -1);  // an object that cannot be placed
     int32_t result = 0;
@@ -151,6 +152,7 @@ int32_t ObjectSet_Add(ObjectSet *set, void *obj, int32_t *added) {
 
 void *ObjectSet_Find(ObjectSet *set, void *probe) {
     VOKT_ASSERT_OR_RETURN(set != NULL, nullptr);
+    if (vokt::UsedAfterDestroy(set, &kObjectSetClass.base)) return nullptr;
     if (!probe) return nullptr;
     VOKT_ASSERT_OR_RETURN(ClassOf(probe)->Hash != NULL, nullptr);
     ObjectSetEntry *entry = *FindLink(set, probe, BucketOf(probe, set->bucketCount));
@@ -159,6 +161,7 @@ void *ObjectSet_Find(ObjectSet *set, void *probe) {
 
 void *ObjectSet_Remove(ObjectSet *set, void *probe) {
     VOKT_ASSERT_OR_RETURN(set != NULL, nullptr);
+    if (vokt::UsedAfterDestroy(set, &kObjectSetClass.base)) return nullptr;
     if (!probe) return nullptr;
     VOKT_ASSERT_OR_RETURN(ClassOf(probe)->Hash != NULL, nullptr);
     const int32_t bucket = BucketOf(probe, set->bucketCount);
@@ -168,6 +171,7 @@ void *ObjectSet_Remove(ObjectSet *set, void *probe) {
 
 void *ObjectSet_RemoveAny(ObjectSet *set) {
     VOKT_ASSERT_OR_RETURN(set != NULL, nullptr);
+    if (vokt::UsedAfterDestroy(set, &kObjectSetClass.base)) return nullptr;
     for (int32_t i = 0; i < set->bucketCount; i++)
         if (set->buckets[i]) return Unlink(set, &set->buckets[i], i);
     return nullptr;
@@ -175,6 +179,7 @@ void *ObjectSet_RemoveAny(ObjectSet *set) {
 
 int32_t ObjectSet_AddVector(ObjectSet *set, Vector *vector) {
     VOKT_ASSERT_OR_RETURN(set != NULL && vector != NULL, -1);
+    if (vokt::UsedAfterDestroy(set, &kObjectSetClass.base) || vokt::UsedAfterDestroy(vector, &vokt::kVectorClass.base)) return -1;
     const vokt::VectorReader read(vector);
     const int64_t count = read.Length();
     for (int64_t i = 0; i < count; i++) {
@@ -187,6 +192,7 @@ int32_t ObjectSet_AddVector(ObjectSet *set, Vector *vector) {
 
 int32_t ObjectSet_ToVector(ObjectSet *set, Vector *vector) {
     VOKT_ASSERT_OR_RETURN(set != NULL && vector != NULL, -1);
+    if (vokt::UsedAfterDestroy(set, &kObjectSetClass.base) || vokt::UsedAfterDestroy(vector, &vokt::kVectorClass.base)) return -1;
     const auto add = vokt::VectorSlots(vector)->Add;
     for (int32_t i = 0; i < set->bucketCount; i++)
         for (ObjectSetEntry *entry = set->buckets[i]; entry; entry = entry->next)
@@ -196,6 +202,7 @@ int32_t ObjectSet_ToVector(ObjectSet *set, Vector *vector) {
 
 void ObjectSet_Clear(ObjectSet *set) {
     VOKT_ASSERT_OR_RETURN(set != NULL);
+    if (vokt::UsedAfterDestroy(set, &kObjectSetClass.base)) return;
     for (int32_t i = 0; i < set->bucketCount; i++) {
         for (ObjectSetEntry *entry = set->buckets[i]; entry;) {
             ObjectSetEntry *next = entry->next;
@@ -209,7 +216,7 @@ void ObjectSet_Clear(ObjectSet *set) {
 
 void ObjectSet_Free(ObjectSet *oset) {
     VOKT_ASSERT_OR_RETURN(oset != NULL);
-    if (vokt::IsDestroyed(oset)) return;  // destroyed before: reported, nothing released
+    if (vokt::DestroyedAgain(oset, &kObjectSetClass.base)) return;  // destroyed before: reported, nothing released
     ObjectSet_Clear(oset);
     vokt::Free(oset->buckets);
     vokt::Free(oset);

@@ -52,13 +52,14 @@ StringBag *StringBag_New(void) {
 
 void StringBag_Free(StringBag *bag) {
     VOKT_ASSERT_OR_RETURN(bag != NULL);
-    if (vokt::IsDestroyed(bag)) return;  // destroyed before: reported, nothing released
+    if (vokt::DestroyedAgain(bag, &kStringBagClass)) return;  // destroyed before: reported, nothing released
     Object_Destroy(bag->elements);
     vokt::Free(bag);
 }
 
 int32_t StringBag_Add(StringBag *bag, const char *text, uint32_t count) {
     VOKT_ASSERT_OR_RETURN(bag != NULL, -1);
+    if (vokt::UsedAfterDestroy(bag, &kStringBagClass)) return -1;
     VOKT_ASSERT_OR_RETURN(text != NULL, -1);
     Vector *v = bag->elements;
     const vokt::VectorReader read(v);
@@ -81,11 +82,13 @@ int32_t StringBag_Add(StringBag *bag, const char *text, uint32_t count) {
 
 void StringBag_Sort(StringBag *bag) {
     VOKT_ASSERT_OR_RETURN(bag != NULL);
+    if (vokt::UsedAfterDestroy(bag, &kStringBagClass)) return;
     Vector_Sort(bag->elements);
 }
 
 int64_t StringBag_Length(StringBag *bag) {
     VOKT_ASSERT_OR_RETURN(bag != NULL, 0);
+    if (vokt::UsedAfterDestroy(bag, &kStringBagClass)) return 0;
     return Vector_Length(bag->elements);
 }
 

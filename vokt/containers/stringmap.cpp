@@ -69,7 +69,9 @@ bool Resize(StringMap *map, int32_t capacity) {
     return true;
 }
 
-bool InRange(const StringMap *map, int32_t index) { return map && index >= 0 && index < map->count; }
+bool InRange(const StringMap *map, int32_t index) {
+    return map && !vokt::UsedAfterDestroy(map, &kStringMapClass) && index >= 0 && index < map->count;
+}
 
 }  // namespace
 
@@ -89,7 +91,7 @@ StringMap *StringMap_New(void) {
 
 void StringMap_Free(StringMap *map) {
     VOKT_ASSERT_OR_RETURN(map != NULL);
-    if (vokt::IsDestroyed(map)) return;  // destroyed before: reported, nothing released
+    if (vokt::DestroyedAgain(map, &kStringMapClass)) return;  // destroyed before: reported, nothing released
     FreeEntries(map);
     vokt::Free(map->entries);
     vokt::Free(map);
@@ -97,6 +99,7 @@ void StringMap_Free(StringMap *map) {
 
 int32_t StringMap_Set(StringMap *map, const char *key, const char *value) {
     VOKT_ASSERT_OR_RETURN(map != NULL, -1);
+    if (vokt::UsedAfterDestroy(map, &kStringMapClass)) return -1;
     VOKT_ASSERT_OR_RETURN(key != NULL, -1);
     const uint32_t hash = KeyHash(key);
     int32_t insertAt = 0;
@@ -140,6 +143,7 @@ int32_t StringMap_Set(StringMap *map, const char *key, const char *value) {
 
 const char *StringMap_Get(const StringMap *map, const char *key) {
     VOKT_ASSERT_OR_RETURN(map != NULL, nullptr);
+    if (vokt::UsedAfterDestroy(map, &kStringMapClass)) return nullptr;
     if (!key || map->count == 0) return nullptr;
     const int32_t found = Find(map, key, KeyHash(key), nullptr);
     return found >= 0 ? map->entries[found].value : nullptr;
@@ -153,16 +157,18 @@ const char *StringMap_ValueAt(const StringMap *map, int32_t index) {
     return InRange(map, index) ? map->entries[index].value : nullptr;
 }
 
-int32_t StringMap_Length(const StringMap *map) { return map ? map->count : 0; }
+int32_t StringMap_Length(const StringMap *map) { return map && !vokt::UsedAfterDestroy(map, &kStringMapClass) ? map->count : 0; }
 
 void StringMap_Clear(StringMap *map) {
     VOKT_ASSERT_OR_RETURN(map != NULL);
+    if (vokt::UsedAfterDestroy(map, &kStringMapClass)) return;
     FreeEntries(map);
     if (map->capacity > kLinearGrowthFrom) Resize(map, kLinearGrowthFrom);  // kept as is when that fails
 }
 
 int32_t StringMap_Assign(StringMap *dst, const StringMap *src) {
     VOKT_ASSERT_OR_RETURN(dst != NULL && src != NULL, -1);
+    if (vokt::UsedAfterDestroy(dst, &kStringMapClass) || vokt::UsedAfterDestroy(src, &kStringMapClass)) return -1;
     if (dst == src) return 0;
     StringMap_Clear(dst);
     if (src->count > dst->capacity && !Resize(dst, src->capacity)) return -2;

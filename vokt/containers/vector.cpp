@@ -49,6 +49,7 @@ void FreeSlots(Object **data) {
 
 [[gnu::noinline]] void *AddChecked(Vector *v, void *obj) {
     VOKT_ASSERT_OR_RETURN(v != NULL, nullptr);
+    if (vokt::UsedAfterDestroy(v, &vokt::kVectorClass.base)) return nullptr;
     VectorGuard lock(v);
     VOKT_ASSERT(v->size==0 || v->data != NULL);
     if (v->size == v->capacity) v->capacity += v->growBy;
@@ -68,6 +69,7 @@ void FreeSlots(Object **data) {
 
 [[gnu::noinline]] void *GetAtChecked(Vector *v, int64_t index) {
     VOKT_ASSERT_OR_RETURN(v != NULL, nullptr);
+    if (vokt::UsedAfterDestroy(v, &vokt::kVectorClass.base)) return nullptr;
     VectorGuard lock(v);
     VOKT_ASSERT(v->size==0 || v->data != NULL);
     VOKT_ASSERT_OR_RETURN(index < v->size, nullptr);
@@ -114,6 +116,7 @@ Vector *Vector_NewOwning(void) { return NewVector(1); }
 
 int32_t Vector_SetSynchronized(Vector *v, int32_t flag) {
     VOKT_ASSERT_OR_RETURN(v != NULL, -1);
+    if (vokt::UsedAfterDestroy(v, &vokt::kVectorClass.base)) return -1;
     v->bSynchronized = flag;
     if (flag && !v->mutex) {
         v->mutex = static_cast<Mutex *>(vokt::Alloc(sizeof(Mutex)));
@@ -128,18 +131,21 @@ int32_t Vector_SetSynchronized(Vector *v, int32_t flag) {
 
 void Vector_Lock(Vector *v) {
     VOKT_ASSERT_OR_RETURN(v != NULL);
+    if (vokt::UsedAfterDestroy(v, &vokt::kVectorClass.base)) return;
     VOKT_ASSERT(v->bSynchronized);
     if (v->bSynchronized) Mutex_Lock(v->mutex);
 }
 
 void Vector_Unlock(Vector *v) {
     VOKT_ASSERT_OR_RETURN(v != NULL);
+    if (vokt::UsedAfterDestroy(v, &vokt::kVectorClass.base)) return;
     VOKT_ASSERT(v->bSynchronized);
     if (v->bSynchronized) Mutex_Unlock(v->mutex);
 }
 
 int64_t Vector_Length(Vector *v) {
     VOKT_ASSERT_OR_RETURN(v != NULL, 0);
+    if (vokt::UsedAfterDestroy(v, &vokt::kVectorClass.base)) return 0;
     VectorGuard lock(v);
     return v->size;
 }
@@ -164,6 +170,7 @@ void *Vector_GetAt(Vector *v, int64_t index) {
 
 void Vector_SetAt(Vector *v, int64_t index, void *obj) {
     VOKT_ASSERT_OR_RETURN(v != NULL);
+    if (vokt::UsedAfterDestroy(v, &vokt::kVectorClass.base)) return;
     VectorGuard lock(v);
     VOKT_ASSERT(v->size==0 || v->data != NULL);
     VOKT_ASSERT_OR_RETURN(index < v->size);
@@ -184,6 +191,7 @@ void *Vector_Add(Vector *v, void *obj) {
 
 int32_t Vector_AddAll(Vector *target, Vector *source) {
     VOKT_ASSERT_OR_RETURN(target != NULL && source != NULL, -1);
+    if (vokt::UsedAfterDestroy(target, &vokt::kVectorClass.base) || vokt::UsedAfterDestroy(source, &vokt::kVectorClass.base)) return -1;
     // Source before target: the order callers have always depended on.
     VectorGuard sourceLock(source);
     VectorGuard targetLock(target);
@@ -200,6 +208,7 @@ int32_t Vector_AddAll(Vector *target, Vector *source) {
 
 void *Vector_RemoveAt(Vector *v, int64_t index) {
     VOKT_ASSERT_OR_RETURN(v != NULL, nullptr);
+    if (vokt::UsedAfterDestroy(v, &vokt::kVectorClass.base)) return nullptr;
     VectorGuard lock(v);
     VOKT_ASSERT(v->size==0 || v->data != NULL);
     VOKT_ASSERT_OR_RETURN(0 <= index && index < v->size, nullptr);
@@ -208,6 +217,7 @@ void *Vector_RemoveAt(Vector *v, int64_t index) {
 
 void *Vector_Remove(Vector *v, void *probe) {
     VOKT_ASSERT_OR_RETURN(v != NULL, nullptr);
+    if (vokt::UsedAfterDestroy(v, &vokt::kVectorClass.base)) return nullptr;
     VectorGuard lock(v);
     if (v->size < 1) return nullptr;
     const auto *p = static_cast<const Object *>(probe);
@@ -221,6 +231,7 @@ void *Vector_Remove(Vector *v, void *probe) {
 
 void *Vector_RemoveIdentical(Vector *v, void *obj) {
     VOKT_ASSERT_OR_RETURN(v != NULL, nullptr);
+    if (vokt::UsedAfterDestroy(v, &vokt::kVectorClass.base)) return nullptr;
     VectorGuard lock(v);
     bool removed = false;
     // The slot refilled from above is not looked at again, so of two adjacent copies
@@ -236,6 +247,7 @@ void *Vector_RemoveIdentical(Vector *v, void *obj) {
 
 int32_t Vector_Contains(Vector *v, void *probe) {
     VOKT_ASSERT_OR_RETURN(v != NULL, 0);
+    if (vokt::UsedAfterDestroy(v, &vokt::kVectorClass.base)) return 0;
     if (!probe) return 0;
     VectorGuard lock(v);
     const auto *p = static_cast<const Object *>(probe);
@@ -246,6 +258,7 @@ int32_t Vector_Contains(Vector *v, void *probe) {
 
 void Vector_Sort(Vector *v) {
     VOKT_ASSERT_OR_RETURN(v != NULL);
+    if (vokt::UsedAfterDestroy(v, &vokt::kVectorClass.base)) return;
     VectorGuard lock(v);
     if (v->size != 0) VOKT_ASSERT(v->size==0 || v->data != NULL);
     if (v->size > 0) {
@@ -260,6 +273,7 @@ void Vector_Sort(Vector *v) {
 
 void Vector_Clear(Vector *v) {
     VOKT_ASSERT_OR_RETURN(v != NULL);
+    if (vokt::UsedAfterDestroy(v, &vokt::kVectorClass.base)) return;
     VectorGuard lock(v);
     VOKT_ASSERT(v->size==0 || v->data != NULL);
     if (v->bOwnsElements) {
@@ -271,6 +285,7 @@ void Vector_Clear(Vector *v) {
 
 void Vector_SetOwnsElements(Vector *v, int32_t flag) {
     VOKT_ASSERT_OR_RETURN(v != NULL);
+    if (vokt::UsedAfterDestroy(v, &vokt::kVectorClass.base)) return;
     // Takes the lock twice and releases nothing: callers rely on holding it afterwards.
     if (v->bSynchronized) Mutex_Lock(v->mutex);
     v->bOwnsElements = flag;
@@ -279,7 +294,7 @@ void Vector_SetOwnsElements(Vector *v, int32_t flag) {
 
 void Vector_Free(Vector *v) {
     VOKT_ASSERT_OR_RETURN(v != NULL);
-    if (vokt::IsDestroyed(v)) return;  // destroyed before: reported, nothing released
+    if (vokt::DestroyedAgain(v, &vokt::kVectorClass.base)) return;  // destroyed before: reported, nothing released
     VOKT_ASSERT(v->size==0 || v->data != NULL);
     Vector_Clear(v);
     FreeSlots(v->data);

@@ -31,6 +31,7 @@ MemBlock *MemBlock_New(size_t size) {
 
 int32_t MemBlock_Resize(MemBlock *mem, size_t size) {
     VOKT_ASSERT_OR_RETURN(mem!=NULL, -1);
+    if (vokt::UsedAfterDestroy(mem, &kMemBlockClass)) return -1;
     void *data = mem->data ? vokt::Realloc(mem->data, size) : vokt::Alloc(size);
     if (!data && size != 0) {
         Log_Write(0, "Failed to re-allocate block of %d bytes", static_cast<int>(size));
@@ -42,7 +43,7 @@ int32_t MemBlock_Resize(MemBlock *mem, size_t size) {
 
 void MemBlock_Free(MemBlock *mem) {
     VOKT_ASSERT_OR_RETURN(mem!=NULL);
-    if (vokt::IsDestroyed(mem)) return;  // destroyed before: reported, nothing released
+    if (vokt::DestroyedAgain(mem, &kMemBlockClass)) return;  // destroyed before: reported, nothing released
     vokt::Free(mem->data);
     vokt::Free(mem);
 }

@@ -63,12 +63,15 @@ EventObject *EventObject_New(uint64_t value) {
 
 int32_t EventObject_Equals(const EventObject *a, const EventObject *b) {
     // Only two EventObjects have values to compare; anything else is never equal.
+    if (vokt::UsedAfterDestroy(a, &kEventObjectClass) || vokt::UsedAfterDestroy(b, &kEventObjectClass)) return 0;
     if (!a || !b || a->ftbl != b->ftbl) return 0;
     return a->value == b->value ? 1 : 0;
 }
 
 void Object_Destroy(void *object) {
     if (!object) return;
+    // Without a class to compare with, the records say whether it was destroyed already.
+    if (vokt::Checking(vokt::kCheckObjects) && vokt::Destroyed(object, true)) return;
     const ClassDescriptor *cls = static_cast<Object *>(object)->ftbl;
     if (cls && cls->Destroy) cls->Destroy(object);
 }

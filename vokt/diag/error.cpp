@@ -259,7 +259,7 @@ Error *Error_NewNetwork(int32_t number, const char *operation) {
 }
 
 void Error_Free(Error *e) {
-    if (vokt::IsDestroyed(e)) return;  // destroyed before: reported, nothing released
+    if (vokt::DestroyedAgain(e, &kErrorClass)) return;  // destroyed before: reported, nothing released
     if (!e || e->bStatic) return;
     Object_Destroy(e->message);
     Object_Destroy(e->detail);

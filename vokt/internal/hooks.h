@@ -48,9 +48,23 @@ private:
 };
 
 // True (after a report) when object was destroyed while `objects` was on: the caller must
-// then leave it alone.
-bool Destroyed(const void *object);
-inline bool IsDestroyed(const void *object) { return Checking(kCheckObjects) && object && Destroyed(object); }
+// then leave it alone, and return as it would for a null object. Decided from the checks'
+// own records; the object's memory is not read. destroying: the caller is destroying it.
+bool Destroyed(const void *object, bool destroying);
+inline bool IsDestroyed(const void *object) { return Checking(kCheckObjects) && object && Destroyed(object, false); }
+
+// The check at the top of every public operation on an object of class cls. A live object
+// costs one compare: a destroyed one held back carries another descriptor, and one given
+// back to the allocator has lost its own.
+inline bool UsedAfterDestroy(const void *object, const ClassDescriptor *cls) {
+    return object && static_cast<const Object *>(object)->ftbl != cls && Checking(kCheckObjects) &&
+           Destroyed(object, false);
+}
+// The same at the top of a destroy function: a second destruction is reported as such.
+inline bool DestroyedAgain(const void *object, const ClassDescriptor *cls) {
+    return object && static_cast<const Object *>(object)->ftbl != cls && Checking(kCheckObjects) &&
+           Destroyed(object, true);
+}
 
 // Lock order and holds (the sync module calls these with `locks` on).
 void LockTaken(Mutex *m);            // after the lock is held

@@ -22,11 +22,12 @@ int32_t AppendText(String *s, const char *chars, size_t n);
 inline bool IsString(const void *object) {
     return object && static_cast<const Object *>(object)->ftbl == &kStringClass;
 }
-// String_Check, and whether the String can be used at all (a destroyed one held back by the
-// objects check reads as unset: it is reported and left alone).
+// Whether the String can be used at all: a destroyed one is reported by the objects check
+// and left alone (its memory may be the allocator's again); any other is checked.
 inline bool Usable(const String *ps) {
+    if (UsedAfterDestroy(ps, &kStringClass)) return false;
     String_Check(ps);
-    return ps != nullptr && !IsDestroyed(ps);
+    return ps != nullptr;
 }
 // Each String is checked (every broken one is reported); true when all can be used.
 inline bool AllUsable(std::initializer_list<const String *> strings) {
@@ -34,6 +35,8 @@ inline bool AllUsable(std::initializer_list<const String *> strings) {
     for (const String *ps : strings) all = Usable(ps) && all;
     return all;
 }
+// A destroyed String, reported: the operation returns as it would for a null one.
+inline bool Gone(const String *ps) { return UsedAfterDestroy(ps, &kStringClass); }
 // Takes over a buffer that holds exactly length + 1 bytes.
 inline void Adopt(String *ps, char *text, size_t length) {
     Free(ps->string);

@@ -61,7 +61,7 @@ Socket *Socket_New(int32_t domain, int32_t type, int32_t protocol) {
 
 void Socket_Destroy(Socket *s) {
     VOKT_ASSERT_OR_RETURN(s!=NULL);
-    if (vokt::IsDestroyed(s)) return;  // destroyed before: reported, nothing released
+    if (vokt::DestroyedAgain(s, &kSocketClass)) return;  // destroyed before: reported, nothing released
     CloseAndFree(s);
 }
 
@@ -73,7 +73,7 @@ StreamHandle *StreamHandle_New(int32_t fd) {
 
 void StreamHandle_Destroy(StreamHandle *s) {
     VOKT_ASSERT_OR_RETURN(s!=NULL);
-    if (vokt::IsDestroyed(s)) return;  // destroyed before: reported, nothing released
+    if (vokt::DestroyedAgain(s, &kStreamHandleClass)) return;  // destroyed before: reported, nothing released
     CloseAndFree(s);
 }
 
@@ -85,7 +85,7 @@ FileHandle *FileHandle_New(const char *path, const char *mode) {
 
 void FileHandle_Destroy(FileHandle *s) {
     VOKT_ASSERT_OR_RETURN(s!=NULL);
-    if (vokt::IsDestroyed(s)) return;  // destroyed before: reported, nothing released
+    if (vokt::DestroyedAgain(s, &kFileHandleClass)) return;  // destroyed before: reported, nothing released
     if (s->fp) fclose(s->fp);
     vokt::Free(s);
 }

@@ -97,7 +97,7 @@ int32_t String_SplitAt(const String *s, char c, String *left, String *right) {
 }
 
 int32_t String_SplitCommas(const String *s, Vector *vector) {
-    if (!s || !s->string || s->length == 0) return 0;
+    if (!s || vokt::Gone(s) || !s->string || s->length == 0) return 0;
     VOKT_ASSERT_OR_RETURN(vector != NULL, -1);
     const auto add = vokt::VectorSlots(vector)->Add;
     int64_t start = 0;

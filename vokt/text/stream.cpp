@@ -175,7 +175,7 @@ Stream *Stream_NewFromHandle(int32_t fd) {
 
 void Stream_Destroy(Stream *stream) {
     VOKT_ASSERT_OR_RETURN(stream != NULL);
-    if (vokt::IsDestroyed(stream)) return;  // destroyed before: reported, nothing released
+    if (vokt::DestroyedAgain(stream, &kStreamClass)) return;  // destroyed before: reported, nothing released
     // The file or descriptor belongs to the caller and is never closed here.
     if (stream->type == STRING_STREAM) Object_Destroy(stream->string);
     Object_Destroy(stream->lastLine);
@@ -184,6 +184,7 @@ void Stream_Destroy(Stream *stream) {
 
 void Stream_Check(const Stream *stream) {
     VOKT_ASSERT_OR_RETURN(stream != NULL);
+    if (vokt::UsedAfterDestroy(stream, &kStreamClass)) return;
     switch (stream->type) {
         case STRING_STREAM:
             VOKT_ASSERT(stream->string != NULL);
@@ -202,11 +203,13 @@ void Stream_Check(const Stream *stream) {
 int32_t Stream_IsEOF(const Stream *stream) {
     // A file stream with its file is what Stream_Check passes: answer at once.
     if (stream && stream->type == FILE_STREAM && stream->file) return stream->bEof;
+    if (vokt::UsedAfterDestroy(stream, &kStreamClass)) return 1;
     Stream_Check(stream);
     return stream ? stream->bEof : 1;
 }
 
 int32_t Stream_ReadLine(Stream *stream, String *line) {
+    if (vokt::UsedAfterDestroy(stream, &kStreamClass)) return -1;
     VOKT_ASSERT_OR_RETURN(stream != NULL && stream->readLine != NULL, -1);
     const int32_t code = stream->readLine(stream, line, nullptr);
     if (code != 0) return code;
@@ -216,6 +219,7 @@ int32_t Stream_ReadLine(Stream *stream, String *line) {
 }
 
 int32_t Stream_GetLastLine(const Stream *stream, String *out) {
+    if (vokt::UsedAfterDestroy(stream, &kStreamClass)) return -1;
     Stream_Check(stream);
     if (!stream) return -1;
     if (!String_IsSet(stream->lastLine)) {
@@ -227,6 +231,7 @@ int32_t Stream_GetLastLine(const Stream *stream, String *out) {
 }
 
 int32_t Stream_ReadLogicalLine(Stream *stream, String *out) {
+    if (vokt::UsedAfterDestroy(stream, &kStreamClass)) return -1;
     vokt::CleanupList list;
     String *line = list.Add(String_New());
     if (!line) return -2;

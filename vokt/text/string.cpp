@@ -25,6 +25,7 @@ constexpr uint64_t kMaxLength = 2147483647;
 
 using vokt::Adopt;
 using vokt::AllUsable;
+using vokt::Gone;
 using vokt::IsString;
 using vokt::Scoped;
 using vokt::Usable;
@@ -163,7 +164,7 @@ String *String_Substring(const String *s, int32_t start, int32_t count) {
 }
 
 void String_Destroy(String *ps) {
-    if (vokt::IsDestroyed(ps)) return;  // destroyed before: reported, nothing released
+    if (vokt::DestroyedAgain(ps, &vokt::kStringClass)) return;  // destroyed before: reported, nothing released
     if (!Usable(ps)) return;
     // Also releases the text kept by a failed append, which reads as unset.
     vokt::Free(ps->string);
@@ -171,7 +172,7 @@ void String_Destroy(String *ps) {
 }
 
 void String_Clear(String *s) {
-    if (!s) return;
+    if (!s || Gone(s)) return;
     vokt::Free(s->string);
     s->string = nullptr;
     s->bIsSet = 0;
@@ -184,6 +185,7 @@ void String_Reset(String *s) {
 
 void String_Check(const String *ps) {
     VOKT_ASSERT_OR_RETURN(ps != NULL);
+    if (Gone(ps)) return;
     if (ps->bIsSet)
         VOKT_ASSERT(ps->string != NULL);
     else
@@ -341,17 +343,17 @@ int String_Compare(const void *pa, const void *pb) {
 
 int32_t String_Hash(const String *s) {
     if (HasText(s)) return static_cast<int32_t>(vokt::OneAtATime(s->string, s->length));
-    String_Check(s);  // anything else has no text to hash, and may have something to report
+    if (!Gone(s)) String_Check(s);  // anything else has no text to hash, and may have something to report
     return 0;
 }
 
 int32_t String_StartsWith(const String *s, const char *prefix) {
-    if (!s || !s->string || !prefix) return 0;
+    if (!s || Gone(s) || !s->string || !prefix) return 0;
     return strncmp(s->string, prefix, strlen(prefix)) == 0 ? 1 : 0;
 }
 
 int32_t String_EndsWith(const String *s, const char *suffix) {
-    if (!s || !s->string || !suffix) return 0;
+    if (!s || Gone(s) || !s->string || !suffix) return 0;
     const size_t n = strlen(suffix);
     if (n > s->length) return 0;
     return memcmp(s->string + s->length - n, suffix, n) == 0 ? 1 : 0;
@@ -359,7 +361,7 @@ int32_t String_EndsWith(const String *s, const char *suffix) {
 
 int32_t String_Find(const String *s, const char *needle, int32_t start) {
     (void)start;  // Accepted and ignored: callers have always searched from byte 0.
-    if (!s || !s->string || !needle) return -1;
+    if (!s || Gone(s) || !s->string || !needle) return -1;
     const char *found = strstr(s->string, needle);
     return found ? static_cast<int32_t>(found - s->string) : -1;
 }
@@ -390,7 +392,7 @@ void String_Truncate(String *s, int32_t newLength) {
 
 void String_Delete(String *s, int32_t start, int32_t count) {
     // Offsets outside the text are ignored instead of moving bytes outside the buffer.
-    if (!s || !s->string || start < 0 || count < 0) return;
+    if (!s || Gone(s) || !s->string || start < 0 || count < 0) return;
     const uint64_t from = static_cast<uint64_t>(start), n = static_cast<uint64_t>(count);
     if (from + n > s->length) return;
     memmove(s->string + from, s->string + from + n, s->length - from - n + 1);
@@ -399,7 +401,7 @@ void String_Delete(String *s, int32_t start, int32_t count) {
 }
 
 void String_Trim(String *s) {
-    if (!s || !s->string || s->length == 0) return;
+    if (!s || Gone(s) || !s->string || s->length == 0) return;
     uint64_t lead = 0;
     while (lead < s->length && IsTrimmed(s->string[lead])) lead++;
     if (lead > 0) {
@@ -411,7 +413,7 @@ void String_Trim(String *s) {
 }
 
 void String_CollapseWhitespace(String *s) {
-    if (!s || !s->string) return;
+    if (!s || Gone(s) || !s->string) return;
     uint64_t out = 0;
     bool lastWasSpace = true;
     for (uint64_t i = 0; i < s->length; i++) {

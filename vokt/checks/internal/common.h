@@ -165,6 +165,7 @@ private:
 // True the first time a report of this kind is asked for this pair of values.
 enum ReportKind : uint32_t {
     kReportUse = 1,
+    kReportDestroy = 2,
     kInversion = 3,
     kForeignUnlock = 4,
     kEndedHolding = 5,
@@ -176,22 +177,37 @@ void ReportFork(bool take);
 
 // ---- Block records (records.cpp) and the leak report (leaks.cpp)
 
-enum : uint32_t { kKept = 1, kQuarantined = 2, kGenerationShift = 8 };
+enum : uint32_t {
+    kKept = 1,         // the runtime's own, kept for the process
+    kQuarantined = 2,  // a destroyed object held back
+    kGone = 4,         // a destroyed object given back to the allocator: its tombstone
+    kReused = 8,       // the address held a destroyed object before this one
+    kGenerationShift = 8,
+};
 struct Record {
     uintptr_t block;  // 0: empty
     size_t size;
     const ClassDescriptor *cls;  // the class of an object; null for any other block
-    uint32_t site;
-    uint32_t flags;  // kKept, kQuarantined, and the generation above kGenerationShift
+    uint32_t site;   // where it was allocated; for a destroyed object, where it was destroyed
+    uint32_t flags;  // the flags above, and the generation above kGenerationShift
 };
-// Records the block under its own key (a record that cannot be kept is dropped).
-void Insert(const Record &r);
-// Takes the record of block out into out; false when there is none.
+// What the records say of an address.
+enum class Known { kNothing, kLive, kHeld, kGone };
+// Records a block, in place of the tombstone its address may have (it is then kReused).
+void Insert(Record r);
+// Takes the record of a block out into out; false when there is none.
 bool Take(uintptr_t block, Record *out);
+// The record of an address, into out.
+Known Examine(uintptr_t block, Record *out);
+// A quarantined object's record becomes its tombstone (out: the record); false when block is
+// not held back.
+bool Bury(uintptr_t block, Record *out);
+// Where a quarantined object was destroyed.
+void SetDestroySite(uintptr_t block, uint32_t site);
 // Calls visit on every record, each under its table's lock.
 void EachRecord(void (*visit)(const Record &, void *), void *context);
 // True for a record that the leak report counts: made by this process, and neither kept for
-// the process nor held back in the quarantine.
+// the process nor destroyed.
 bool Reported(const Record &r);
 // Puts the recorders in front of the program's allocator, for good.
 void InstallRecorders();
@@ -202,10 +218,11 @@ int64_t WriteLeaks(FILE *out, const char *when);
 
 // ---- Destroyed objects (quarantine.cpp)
 
-// Holds a destroyed object back instead of releasing it (its record r just taken out).
-void Quarantine(void *block, Record r);
-// Reports a use of a quarantined object, once per pair of sites.
-void ReportUse(const void *object);
+// Holds a destroyed object back instead of releasing it; its record r is marked held already.
+void Quarantine(void *block, const Record &r);
+// Reports a use (or a destruction, when destroying) of the destroyed object that r records,
+// once per pair of sites.
+void ReportDestroyed(const Record &r, bool destroying);
 // Releases the oldest objects held back until the quarantine is within bytes.
 void ReleaseQuarantine(size_t bytes);
 bool QuarantinePrepare();
