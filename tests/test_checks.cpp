@@ -151,6 +151,35 @@ TEST(Checks, SwitchedFromCodeHeldBackWithinBoundsAndReleased) {
     }));
 }
 
+// A program's own class, made and released through the library.
+struct Thing {
+    const ClassDescriptor *ftbl;
+    String *label;
+};
+const ClassDescriptor kThing = {
+    sizeof(Thing), "Thing", +[](void *t) { String_Destroy(static_cast<Thing *>(t)->label), Object_Free(t); }, nullptr,
+    nullptr, nullptr};
+
+// Objects of a program's own classes are counted, reported and held back as the library's are.
+TEST(Checks, AProgramsOwnClassesTakePartInTheChecks) {
+    EXPECT_EQ(0, test::InChild([] {
+        Runtime_SetChecks(VOKT_CHECK_LEAKS | VOKT_CHECK_OBJECTS);
+        auto *thing = static_cast<Thing *>(Object_New(&kThing));
+        ASSERT_NE(thing, nullptr);
+        EXPECT_EQ(thing->ftbl, &kThing);
+        EXPECT_EQ(thing->label, nullptr);
+        thing->label = String_NewFromChars("mine");
+        EXPECT_EQ(Runtime_CountLive("Thing"), 1);
+        const std::string leaks = test::Stderr([] { Runtime_ReportLeaks(nullptr); });
+        EXPECT_NE(leaks.find(" 1 Thing (" + std::to_string(sizeof(Thing)) + " bytes) from "), std::string::npos) << leaks;
+        Object_Destroy(thing);
+        EXPECT_EQ(Runtime_CountLive(nullptr), 0);
+        EXPECT_EQ(test::Stderr([thing] { Object_Destroy(thing); }).find("vokt: Thing destroyed again after it was destroyed at "), 0u);
+        EXPECT_EQ(Object_New(nullptr), nullptr);
+        Runtime_SetChecks(0);
+    }));
+}
+
 // A call that is not a tail call: each use is a site of its own.
 #define USE(call) [&] { call; asm volatile("" ::: "memory"); }
 

@@ -115,6 +115,10 @@ const std::pair<const char *, Op> kOperations[] = {
          return o;
      }},
     {"EventObject_New", [](Fixture &) { return Made(EventObject_New(1)); }},
+    {"Object_New", [](Fixture &) {
+         static const ClassDescriptor kOwn = {sizeof(EventObject), "Own", Object_Free, nullptr, nullptr, nullptr};
+         return Made(Object_New(&kOwn));
+     }},
     {"MemBlock_New",
      [](Fixture &) {
          MemBlock *m = MemBlock_New(32);

@@ -3,6 +3,7 @@
 #include "vokt/core/object.h"
 
 #include <pthread.h>
+#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
@@ -11,8 +12,11 @@
 #include "vokt/diag/error.h"
 #include "vokt/diag/log.h"
 #include "vokt/internal/alloc.h"
+#include "vokt/internal/assert.h"
 
 namespace {
+
+constexpr char kModule[] = "object";
 
 const ClassDescriptor kEventObjectClass = {
     sizeof(EventObject),
@@ -67,6 +71,15 @@ int32_t EventObject_Equals(const EventObject *a, const EventObject *b) {
     if (!a || !b || a->ftbl != b->ftbl) return 0;
     return a->value == b->value ? 1 : 0;
 }
+
+void *Object_New(const ClassDescriptor *cls) {
+    VOKT_ASSERT_OR_RETURN(cls != NULL && cls->size >= sizeof(Object), nullptr);
+    char what[256];
+    snprintf(what, sizeof what, "%.200s object", cls->name ? cls->name : "");
+    return vokt::NewObject(cls, what);
+}
+
+void Object_Free(void *object) { vokt::Free(object); }
 
 void Object_Destroy(void *object) {
     if (!object) return;

@@ -65,6 +65,19 @@ VOKT_API int32_t EventObject_Equals(const EventObject *a, const EventObject *b);
  *        Destroy, is left alone.
  * @note The object belongs to the caller: never destroy one a container still owns. */
 VOKT_API void Object_Destroy(void *object);
+/** (extension) Makes an object of a program's own class: a zeroed record of cls->size bytes,
+ * taken through the allocation layer, with ftbl set to cls. Such objects take part in the
+ * checks (vokt/checks/checks.h) as the library's own do: counted under the class's name,
+ * held back when destroyed, and a second destruction reported.
+ * @param cls The class; its size is at least that of Object, and it outlives its objects.
+ * @return The object, owned by the caller; the class's Destroy releases it with Object_Free().
+ *         Null when cls is null or too small (an assertion report), or when memory ran out
+ *         (after the log line "Unable to allocate <name> object"). */
+VOKT_API void *Object_New(const ClassDescriptor *cls);
+/** (extension) Releases an object made by Object_New(): for the class's own Destroy, once it
+ * has released what the object owns.
+ * @param object The object, dead afterwards; null is left alone. */
+VOKT_API void Object_Free(void *object);
 /** (extension) The version of the library actually loaded.
  * @return major * 10000 + minor * 100 + patch, as VOKT_VERSION_NUMBER gives it for the headers
  *         a program was built with. Any thread. */
