@@ -15,7 +15,6 @@ namespace {
 
 // Mutexes by address, read without a lock (see checks::Table). A Mutex initialised again
 // gets a new node; node 0 is none.
-constexpr size_t kNodeSlots = 1u << 20;
 struct NodeSlot {
     uintptr_t mutex;
     uint32_t node;
@@ -31,7 +30,6 @@ SpinLock g_nodeLock;
 
 // Edges "from before to", found without a lock and added under g_graphLock with the cycle
 // search. An edge's number is its slot's index plus one, so that 0 ends a list of edges.
-constexpr size_t kEdgeSlots = 1u << 18;
 struct Edge {
     uint64_t key;  // from << 32 | to; 0: empty
     uint32_t fromSite, toSite;
@@ -47,8 +45,9 @@ checks::Table<Edge, EdgeTraits> g_edges;
 SpinLock g_graphLock;
 
 // By node: its first edge out, the search that last passed it and the edge it came in by,
-// and the Mutex's address.
+// and the Mutex's address; and the search's queue, with room for every node.
 uint32_t *g_firstEdge = nullptr;
+uint32_t *g_queue = nullptr;
 uint32_t *g_visited = nullptr;
 uint32_t *g_parentEdge = nullptr;
 uintptr_t *g_nodeMutex = nullptr;
@@ -82,28 +81,36 @@ uint32_t NodeOf(Mutex *m) {
     const auto key = reinterpret_cast<uintptr_t>(m);
     const auto same = [key](const NodeSlot &s) { return SameMutex(s, key); };
     if (const NodeSlot *known = g_nodes.Find(Mix64(key), same)) return __atomic_load_n(&known->node, __ATOMIC_RELAXED);
-    SpinGuard guard(g_nodeLock);
-    if (const NodeSlot *known = g_nodes.Find(Mix64(key), same))  // another thread's
-        return __atomic_load_n(&known->node, __ATOMIC_RELAXED);
-    if (!checks::Table<NodeSlot, NodeTraits>::Fits(g_nodeCount, kNodeSlots)) return 0;  // no node number left
-    NodeSlot *slot = g_nodes.Claim(Mix64(key));
-    if (!slot) return 0;
-    const uint32_t node = ++g_nodeCount;
-    g_nodeMutex[node] = key;
-    __atomic_store_n(&slot->node, node, __ATOMIC_RELAXED);
-    __atomic_store_n(&slot->mutex, key, __ATOMIC_RELEASE);
-    return node;
+    {
+        SpinGuard guard(g_nodeLock);
+        if (const NodeSlot *known = g_nodes.Find(Mix64(key), same))  // another thread's
+            return __atomic_load_n(&known->node, __ATOMIC_RELAXED);
+        NodeSlot *slot = checks::Fits(g_nodeCount, kMutexSlots) ? g_nodes.Claim(Mix64(key)) : nullptr;
+        if (slot) {
+            const uint32_t node = ++g_nodeCount;
+            g_nodeMutex[node] = key;
+            __atomic_store_n(&slot->node, node, __ATOMIC_RELAXED);
+            __atomic_store_n(&slot->mutex, key, __ATOMIC_RELEASE);
+            return node;
+        }
+    }
+    LimitReached(Limit::kMutexes);
+    return 0;
 }
 
 // A Mutex initialised again is a new node: the orders of the old one are not its own.
 void Renew(Mutex *m) {
     const auto key = reinterpret_cast<uintptr_t>(m);
-    SpinGuard guard(g_nodeLock);
-    NodeSlot *known = g_nodes.Find(Mix64(key), [key](const NodeSlot &s) { return SameMutex(s, key); });
-    // Never locked: its node comes with its first lock.
-    if (!known || !checks::Table<NodeSlot, NodeTraits>::Fits(g_nodeCount, kNodeSlots)) return;
-    g_nodeMutex[++g_nodeCount] = key;
-    __atomic_store_n(&known->node, g_nodeCount, __ATOMIC_RELAXED);
+    {
+        SpinGuard guard(g_nodeLock);
+        NodeSlot *known = g_nodes.Find(Mix64(key), [key](const NodeSlot &s) { return SameMutex(s, key); });
+        if (!known) return;  // never locked: its node comes with its first lock
+        if (checks::Fits(g_nodeCount, kMutexSlots)) {
+            g_nodeMutex[++g_nodeCount] = key;
+            return __atomic_store_n(&known->node, g_nodeCount, __ATOMIC_RELAXED);
+        }
+    }
+    LimitReached(Limit::kMutexes);
 }
 
 uint64_t EdgeKey(uint32_t from, uint32_t to) { return static_cast<uint64_t>(from) << 32 | to; }
@@ -121,8 +128,7 @@ struct Path {
 
 bool PathLocked(uint32_t from, uint32_t to, Path *path) {
     const uint32_t search = ++g_search;
-    constexpr size_t kQueue = 1024;  // nodes searched at the most
-    uint32_t queue[kQueue];
+    uint32_t *const queue = g_queue;  // each node enters once at the most: the search is exact
     size_t head = 0, tail = 0;
     queue[tail++] = from;
     g_visited[from] = search;
@@ -134,13 +140,12 @@ bool PathLocked(uint32_t from, uint32_t to, Path *path) {
             g_visited[next] = search;
             g_parentEdge[next] = e;
             if (next != to) {
-                if (tail < kQueue) queue[tail++] = next;
+                queue[tail++] = next;
                 continue;
             }
-            uint32_t reversed[kQueue];
+            uint32_t *const reversed = queue;  // the path, walked back from its end: the queue is done with
             int length = 0;
-            for (uint32_t at = to; at != from && length < static_cast<int>(kQueue);
-                 at = static_cast<uint32_t>(EdgeAt(g_parentEdge[at]).key >> 32))
+            for (uint32_t at = to; at != from; at = static_cast<uint32_t>(EdgeAt(g_parentEdge[at]).key >> 32))
                 reversed[length++] = g_parentEdge[at];
             path->length = length;
             for (int i = 0; i < length && i < kStepsShown; i++) path->steps[i] = EdgeAt(reversed[length - 1 - i]);
@@ -186,19 +191,23 @@ void Order(const Taken &before, Mutex *after, uint32_t node, uint32_t site) {
     const uint64_t key = EdgeKey(before.node, node);
     if (FindEdge(key)) return;
     Path opposite{};
-    bool cycle = false;
+    bool cycle = false, full = false;
     {
         SpinGuard guard(g_graphLock);
-        if (FindEdge(key) || g_edges.Full()) return;
-        cycle = PathLocked(node, before.node, &opposite);
-        Edge *edge = g_edges.Claim(Mix64(key));
-        edge->fromSite = before.site;
-        edge->toSite = site;
-        edge->thread = ThreadNumber();
-        edge->next = g_firstEdge[before.node];
-        g_firstEdge[before.node] = static_cast<uint32_t>(edge - g_edgeSlots) + 1;
-        __atomic_store_n(&edge->key, key, __ATOMIC_RELEASE);
+        if (FindEdge(key)) return;
+        if (Edge *edge = g_edges.Claim(Mix64(key))) {
+            cycle = PathLocked(node, before.node, &opposite);
+            edge->fromSite = before.site;
+            edge->toSite = site;
+            edge->thread = ThreadNumber();
+            edge->next = g_firstEdge[before.node];
+            g_firstEdge[before.node] = static_cast<uint32_t>(edge - g_edgeSlots) + 1;
+            __atomic_store_n(&edge->key, key, __ATOMIC_RELEASE);
+        } else {
+            full = true;
+        }
     }
+    if (full) LimitReached(Limit::kOrders);
     if (cycle) ReportInversion(before, after, site, opposite);
 }
 
@@ -206,12 +215,12 @@ void Order(const Taken &before, Mutex *after, uint32_t node, uint32_t site) {
 
 bool LockOrderPrepare() {
     if (Ready()) return true;
-    if (!MapArray(g_nodeSlots, kNodeSlots) || !MapArray(g_edgeSlots, kEdgeSlots) ||
-        !MapArray(g_firstEdge, kNodeSlots) || !MapArray(g_visited, kNodeSlots) ||
-        !MapArray(g_parentEdge, kNodeSlots) || !MapArray(g_nodeMutex, kNodeSlots))
+    if (!MapArray(g_nodeSlots, kMutexSlots) || !MapArray(g_edgeSlots, kOrderSlots) ||
+        !MapArray(g_firstEdge, kMutexSlots) || !MapArray(g_visited, kMutexSlots) ||
+        !MapArray(g_parentEdge, kMutexSlots) || !MapArray(g_nodeMutex, kMutexSlots) || !MapArray(g_queue, kMutexSlots))
         return false;
-    g_nodes.Attach(g_nodeSlots, kNodeSlots);
-    g_edges.Attach(g_edgeSlots, kEdgeSlots);
+    g_nodes.Attach(g_nodeSlots, kMutexSlots);
+    g_edges.Attach(g_edgeSlots, kOrderSlots);
     __atomic_store_n(&g_ready, true, __ATOMIC_RELEASE);
     return true;
 }
@@ -246,7 +255,7 @@ void LockTaken(Mutex *m) {
     if (me->heldCount < kHeldKept)
         held[me->heldCount++] = Taken{m, node, site, 1};
     else
-        me->unkept++;  // no room: counted, so that its unlock is not taken for another thread's
+        me->unkept++, LimitReached(Limit::kHeld);  // counted, so that its unlock is not taken for another thread's
 }
 
 void UnlockSeen(Mutex *m) {

@@ -106,15 +106,17 @@ void RecordedFree(void *block) {
 }  // namespace
 
 void Insert(Record r) {
-    Stripe &s = StripeOf(r.block);
-    SpinGuard guard(s.lock);
-    if (Record *found = FindLocked(s, r.block)) {  // a tombstone, most often: the address is used again
-        if (found->flags & kGone) r.flags |= kReused;
-        *found = r;
-        return;
+    {
+        Stripe &s = StripeOf(r.block);
+        SpinGuard guard(s.lock);
+        if (Record *found = FindLocked(s, r.block)) {  // a tombstone, most often: the address is used again
+            if (found->flags & kGone) r.flags |= kReused;
+            *found = r;
+            return;
+        }
+        if (MakeRoom(s.table)) return void(*s.table.Claim(RecordTraits::Hash(r)) = r);
     }
-    if (!MakeRoom(s.table)) return;  // no room: the block goes unrecorded
-    *s.table.Claim(RecordTraits::Hash(r)) = r;
+    LimitReached(Limit::kRecords);  // no memory: the block goes unrecorded
 }
 
 Known Examine(uintptr_t block, Record *out) {

@@ -18,7 +18,6 @@ struct SeenTraits {
     static bool Empty(uint64_t key) { return key == 0; }
     static uint64_t Hash(uint64_t key) { return Mix(key, 0); }
 };
-constexpr size_t kSeenSlots = 1u << 16;
 uint64_t *g_seenSlots = nullptr;
 checks::Table<uint64_t, SeenTraits> g_seen;
 SpinLock g_seenLock;
@@ -76,12 +75,37 @@ void Line::Print(FILE *out) {
 
 bool FirstTime(ReportKind kind, uint64_t a, uint64_t b) {
     const uint64_t key = (static_cast<uint64_t>(kind) << 60) ^ (a << 30) ^ b ^ 1;
-    SpinGuard guard(g_seenLock);
-    if (g_seen.Find(SeenTraits::Hash(key), [key](uint64_t seen) { return seen == key; })) return false;
-    uint64_t *slot = g_seen.Claim(SeenTraits::Hash(key));
-    if (!slot) return false;  // the table is full: stay quiet rather than repeat
-    *slot = key;
-    return true;
+    {
+        SpinGuard guard(g_seenLock);
+        if (g_seen.Find(SeenTraits::Hash(key), [key](uint64_t seen) { return seen == key; })) return false;
+        if (uint64_t *slot = g_seen.Claim(SeenTraits::Hash(key))) return *slot = key, true;
+    }
+    LimitReached(Limit::kReports);  // full: stay quiet rather than repeat, and say so
+    return false;
+}
+
+void LimitReached(Limit limit) {
+    struct Text {
+        const char *before;
+        size_t bound;  // 0: none said
+        const char *after;
+    };
+    static constexpr Text kTexts[] = {
+        {"the checks keep ", checks::Kept(kSiteSlots), " call sites at the most; later ones print as an unknown site"},
+        {"the checks remember ", checks::Kept(kSeenSlots), " reports at the most; later mistakes may go unreported"},
+        {"the checks could not map memory for more records", 0, "; later leaks and destroyed objects may be missed"},
+        {"the locks check follows ", checks::Kept(kMutexSlots), " Mutexes at the most; later lock order inversions may be missed"},
+        {"the locks check follows ", checks::Kept(kOrderSlots), " orders at the most; later lock order inversions may be missed"},
+        {"a thread held more than ", kHeldKept, " Mutexes at once; lock order inversions among the later ones may be missed"},
+    };
+    static uint32_t said = 0;
+    const auto bit = 1u << static_cast<uint32_t>(limit);
+    if (__atomic_fetch_or(&said, bit, __ATOMIC_RELAXED) & bit) return;
+    const Text &text = kTexts[static_cast<uint32_t>(limit)];
+    Line line(512);
+    line.Add("%s", text.before);
+    if (text.bound) line.Add("%zu", text.bound);
+    line.Add("%s", text.after).Send();
 }
 
 bool ReportPrepare() {

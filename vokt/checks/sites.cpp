@@ -33,7 +33,6 @@ namespace {
 
 constexpr int kAsked = 32;  // frames asked of backtrace
 constexpr int kShown = 8;   // frames of the program kept per site
-constexpr size_t kSites = 1u << 15;
 
 struct Site {
     uintptr_t ret;  // the key (0: empty), published last
@@ -56,6 +55,7 @@ struct SiteTraits {
 Site *g_siteSlots = nullptr;
 checks::Table<Site, SiteTraits> g_sites;
 SpinLock g_siteLock;
+bool g_sitesFull = false;  // then a new chain costs no backtrace: it prints as an unknown site
 
 Site &SiteAt(uint32_t number) { return g_siteSlots[number - 1]; }
 
@@ -179,6 +179,7 @@ VOKT_READS_OTHER_FRAMES void FindSlots(Site &site, const char *frame, uint32_t w
 }
 
 [[gnu::noinline]] uint32_t NewSite(uintptr_t ret, const char *frame, uint64_t hash) {
+    if (__atomic_load_n(&g_sitesFull, __ATOMIC_RELAXED)) return 0;
     void *pcs[kAsked + 2];
     const int got = backtrace(pcs, kAsked + 2);
     int from = 0;
@@ -199,13 +200,18 @@ VOKT_READS_OTHER_FRAMES void FindSlots(Site &site, const char *frame, uint32_t w
     fresh.count = last - first < kShown ? last - first : kShown;
     FindSlots(fresh, frame, first + fresh.count);
 
-    SpinGuard guard(g_siteLock);
-    Site *slot = g_sites.Claim(hash);
-    if (!slot) return 0;  // full: later sites print as unknown
-    *slot = fresh;        // its key still 0: not yet found by readers
-    slot->same = PrintedAsLocked(static_cast<uint32_t>(slot - g_siteSlots) + 1);
-    __atomic_store_n(&slot->ret, ret, __ATOMIC_RELEASE);
-    return slot->same;
+    {
+        SpinGuard guard(g_siteLock);
+        if (Site *slot = g_sites.Claim(hash)) {
+            *slot = fresh;  // its key still 0: not yet found by readers
+            slot->same = PrintedAsLocked(static_cast<uint32_t>(slot - g_siteSlots) + 1);
+            __atomic_store_n(&slot->ret, ret, __ATOMIC_RELEASE);
+            return slot->same;
+        }
+        __atomic_store_n(&g_sitesFull, true, __ATOMIC_RELAXED);
+    }
+    LimitReached(Limit::kSites);
+    return 0;
 }
 
 }  // namespace
@@ -228,10 +234,10 @@ Frames FramesOf(uint32_t site) {
 }
 
 bool SitesPrepare() {
-    if (!MapArray(g_siteSlots, kSites) || !MapArray(g_printedAsSlots, kSites)) return false;
+    if (!MapArray(g_siteSlots, kSiteSlots) || !MapArray(g_printedAsSlots, kSiteSlots)) return false;
     if (!g_sites.Slots()) {
-        g_sites.Attach(g_siteSlots, kSites);
-        g_printedAs.Attach(g_printedAsSlots, kSites);
+        g_sites.Attach(g_siteSlots, kSiteSlots);
+        g_printedAs.Attach(g_printedAsSlots, kSiteSlots);
         FindOwnCode();
     }
     return true;

@@ -172,6 +172,14 @@ enum ReportKind : uint32_t {
     kHoldAndWait = 6,
 };
 bool FirstTime(ReportKind kind, uint64_t a, uint64_t b);
+// The bounds of the checks. Reaching one is reported once for the process, with what may be
+// missed from then on. The fixed tables (read without a lock, so that they cannot move):
+constexpr size_t kSiteSlots = 1u << 15;
+constexpr size_t kSeenSlots = 1u << 16;
+constexpr size_t kMutexSlots = 1u << 20;
+constexpr size_t kOrderSlots = 1u << 18;
+enum class Limit : uint32_t { kSites, kReports, kRecords, kMutexes, kOrders, kHeld };
+void LimitReached(Limit limit);
 bool ReportPrepare();
 void ReportFork(bool take);
 

@@ -18,14 +18,16 @@
 
 namespace vokt::checks {
 
+// The load bound: one more entry may be added while it leaves a quarter of the slots empty,
+// so that every probe soon meets an empty slot.
+constexpr bool Fits(size_t count, size_t capacity) { return (count + 1) * 4 <= capacity * 3; }
+// The most entries a table of capacity slots holds.
+constexpr size_t Kept(size_t capacity) { return capacity / 4 * 3; }
+
 template <typename Entry, typename Traits>
 class Table {
 public:
     using Slot = Entry;
-    // The load bound: one more entry may be added while it leaves a quarter of the slots
-    // empty, so that every probe soon meets an empty slot.
-    static constexpr bool Fits(size_t count, size_t capacity) { return (count + 1) * 4 <= capacity * 3; }
-
     // Takes slots (capacity zeroed entries, a power of two) as the table's, empty.
     void Attach(Entry *slots, size_t capacity) {
         slots_ = slots;
@@ -35,7 +37,7 @@ public:
     Entry *Slots() const { return slots_; }
     size_t Capacity() const { return slots_ ? mask_ + 1 : 0; }
     size_t Count() const { return count_; }
-    bool Full() const { return !slots_ || !Fits(count_, Capacity()); }
+    bool Full() const { return !slots_ || !checks::Fits(count_, Capacity()); }
 
     // The first filled entry on hash's probe path that match accepts; null once the path
     // meets an empty slot.
