@@ -99,6 +99,7 @@ int32_t String_SplitAt(const String *s, char c, String *left, String *right) {
 int32_t String_SplitCommas(const String *s, Vector *vector) {
     if (!s || vokt::Gone(s) || !s->string || s->length == 0) return 0;
     VOKT_ASSERT_OR_RETURN(vector != NULL, -1);
+    if (vokt::UsedAfterDestroy(vector, &vokt::kVectorClass.base)) return -1;
     const auto add = vokt::VectorSlots(vector)->Add;
     int64_t start = 0;
     const int64_t length = static_cast<int64_t>(s->length);
@@ -118,6 +119,7 @@ int32_t String_SplitCommas(const String *s, Vector *vector) {
 int32_t String_SplitChars(const char *text, char c, Vector *vector) {
     VOKT_ASSERT_OR_RETURN(text != NULL, -1);
     VOKT_ASSERT_OR_RETURN(vector != NULL, -1);
+    if (vokt::UsedAfterDestroy(vector, &vokt::kVectorClass.base)) return -1;
     // Everything not yet handed to the caller's vector dies with the list.
     vokt::CleanupList list;
     String *work = list.Add(String_NewFromChars(text));
@@ -137,6 +139,7 @@ int32_t String_SplitChars(const char *text, char c, Vector *vector) {
 
 int32_t String_Join(Vector *vector, const char *separator, String *out) {
     VOKT_ASSERT_OR_RETURN(vector != NULL, -1);
+    if (vokt::UsedAfterDestroy(vector, &vokt::kVectorClass.base) || vokt::Gone(out)) return -1;
     const vokt::VectorReader read(vector);
     const int64_t count = read.Length();
     auto elementAt = [&](int64_t i) { return static_cast<const String *>(read.At(i)); };
