@@ -224,6 +224,15 @@ T &Once(size_t n, Build build) {
 
 int g_item;
 
+// An allocation loop: what the leaks and objects checks cost most on.
+void MakeDestroy(benchmark::State &state) {
+    for (auto _ : state) {
+        String *s = String_NewFromChars("some text");
+        String_AppendChars(s, " more");
+        String_Destroy(s);
+    }
+}
+
 // ---- The paths, three members each. ----
 using Body = std::function<void(benchmark::State &)>;
 struct Path {
@@ -697,6 +706,8 @@ std::vector<Path> Paths() {
         {"64 x Vector_Add, leaks on (bare: checks off)", WithChecks(VOKT_CHECK_LEAKS, VoktAdd64), WithChecks(0, VoktAdd64), {}, ""},
         {"String append (16 pieces), leaks on (bare: checks off)", WithChecks(VOKT_CHECK_LEAKS, VoktAppend), WithChecks(0, VoktAppend), {}, ""},
         {"Mutex lock+unlock, locks on (bare: checks off)", WithChecks(VOKT_CHECK_LOCKS, LockUnlock(1)), WithChecks(0, LockUnlock(1)), {}, ""},
+        {"String made, grown, destroyed, leaks on (bare: checks off)", WithChecks(VOKT_CHECK_LEAKS, MakeDestroy), WithChecks(0, MakeDestroy), {}, ""},
+        {"String made, grown, destroyed, objects on (bare: checks off)", WithChecks(VOKT_CHECK_OBJECTS, MakeDestroy), WithChecks(0, MakeDestroy), {}, ""},
     };
 #undef PEER
 #undef PEER_NAME

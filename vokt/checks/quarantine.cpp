@@ -24,16 +24,7 @@ size_t g_head = 0, g_count = 0, g_bytes = 0;
 SpinLock g_quarantineLock;
 
 // The descriptor of a destroyed object of each class: its slots report the use; the record
-// tells the rest. Made in an arena of the checks' own and kept for the process.
-struct ZombieTraits {
-    static bool Empty(const ClassDescriptor *z) { return z == nullptr; }
-    static uint64_t Hash(const ClassDescriptor *z) { return Mix64(reinterpret_cast<uintptr_t>(z->name)); }
-};
-checks::Table<ClassDescriptor *, ZombieTraits> g_zombies;
-char *g_zombieArena = nullptr;
-size_t g_zombieArenaLeft = 0;
-SpinLock g_zombieLock;
-
+// tells the rest.
 void Report(const void *object, bool destroying) {
     Record r{};
     const Known known = Examine(reinterpret_cast<uintptr_t>(object), &r);
@@ -55,26 +46,29 @@ int32_t ZombieHash(const void *object) {
     return 0;
 }
 
-// Keyed by the class's name, which the zombie shares with it.
+// Keyed by the class's name, which the zombie shares with it. Found without the lock (see
+// checks::Table): a zombie is made once and never moves.
+struct ZombieTraits {
+    static bool Empty(const ClassDescriptor *const &z) { return __atomic_load_n(&z, __ATOMIC_ACQUIRE) == nullptr; }
+    static uint64_t Hash(const ClassDescriptor *z) { return Mix64(reinterpret_cast<uintptr_t>(z->name)); }
+};
+constexpr size_t kZombieSlots = 1u << 12;
+const ClassDescriptor **g_zombieSlots = nullptr;
+checks::Table<const ClassDescriptor *, ZombieTraits> g_zombies;
+ClassDescriptor *g_zombieArena = nullptr;  // kZombieSlots descriptors, in the order made
+SpinLock g_zombieLock;
+
 const ClassDescriptor *ZombieFor(const ClassDescriptor *original) {
-    SpinGuard guard(g_zombieLock);
     const uint64_t hash = Mix64(reinterpret_cast<uintptr_t>(original->name));
-    if (ClassDescriptor *const *known = g_zombies.Find(hash, [&](const ClassDescriptor *z) {
-            return z->name == original->name && z->size == original->size;
-        }))
-        return *known;
-    if (g_zombieArenaLeft < sizeof(ClassDescriptor)) {
-        constexpr size_t kArena = 1u << 16;
-        g_zombieArena = static_cast<char *>(MapZeroed(kArena));
-        if (!g_zombieArena) return nullptr;
-        g_zombieArenaLeft = kArena;
-    }
-    if (!MakeRoom(g_zombies)) return nullptr;
-    auto *z = reinterpret_cast<ClassDescriptor *>(g_zombieArena);
-    g_zombieArena += sizeof(ClassDescriptor);
-    g_zombieArenaLeft -= sizeof(ClassDescriptor);
+    const auto same = [original](const ClassDescriptor *z) { return z->name == original->name && z->size == original->size; };
+    if (const ClassDescriptor *const *known = g_zombies.Find(hash, same)) return *known;
+    SpinGuard guard(g_zombieLock);
+    if (const ClassDescriptor *const *known = g_zombies.Find(hash, same)) return *known;  // another thread's
+    const ClassDescriptor **slot = g_zombies.Claim(hash);
+    if (!slot) return nullptr;  // more classes than zombies: such objects are given back at once
+    ClassDescriptor *z = &g_zombieArena[g_zombies.Count() - 1];
     *z = ClassDescriptor{original->size, original->name, ZombieDestroy, ZombieEquals, ZombieCompare, ZombieHash};
-    *g_zombies.Claim(hash) = z;
+    __atomic_store_n(slot, z, __ATOMIC_RELEASE);
     return z;
 }
 
@@ -93,41 +87,68 @@ void ReportDestroyed(const Record &r, bool destroying) {
     line.Add(destroying ? "; destroyed again at " : "; used at ").AddSite(at).Send();
 }
 
+namespace {
+
+// Takes the oldest objects out of the ring until it is within bytes, at most room of them,
+// under its lock; how many were taken.
+size_t TakeOldest(size_t bytes, Held *out, size_t room) {
+    size_t n = 0;
+    while (n < room && g_count > 0 && (g_bytes > bytes || g_count >= kQuarantineSlots)) {
+        out[n++] = g_quarantine[g_head];
+        g_bytes -= g_quarantine[g_head].size;
+        g_head = (g_head + 1) % kQuarantineSlots;
+        g_count--;
+    }
+    return n;
+}
+
+// Gives the objects back to the allocator. Each record stays as a tombstone; a block whose
+// record went (a program that resized a destroyed object's memory) is the program's again,
+// and not released here.
+void GiveBack(const Held *held, size_t n) {
+    for (size_t i = 0; i < n; i++) {
+        Record r{};
+        if (Bury(reinterpret_cast<uintptr_t>(held[i].block), &r)) g_program.Free(held[i].block);
+    }
+}
+
+}  // namespace
+
 void ReleaseQuarantine(size_t bytes) {
     for (;;) {
-        Held oldest{};
+        Held oldest[16];
+        size_t n = 0;
         {
             SpinGuard guard(g_quarantineLock);
-            if (g_count == 0 || (g_bytes <= bytes && g_count < kQuarantineSlots)) return;
-            oldest = g_quarantine[g_head];
-            g_head = (g_head + 1) % kQuarantineSlots;
-            g_count--;
-            g_bytes -= oldest.size;
+            n = TakeOldest(bytes, oldest, 16);
         }
-        // Its record stays as a tombstone; a block whose record went (a program that resized
-        // a destroyed object's memory) is the program's again, and not released here.
-        Record r{};
-        if (Bury(reinterpret_cast<uintptr_t>(oldest.block), &r)) g_program.Free(oldest.block);
+        if (n == 0) return;
+        GiveBack(oldest, n);
     }
 }
 
 void Quarantine(void *block, const Record &r) {
     const ClassDescriptor *zombie = ZombieFor(r.cls);
-    SetDestroySite(reinterpret_cast<uintptr_t>(block), CaptureSite());
-    if (!zombie) {  // no memory for its descriptor: given back now, a tombstone left
+    if (!zombie) {  // no descriptor for its class: given back now, a tombstone left
         Record buried{};
         if (Bury(reinterpret_cast<uintptr_t>(block), &buried)) g_program.Free(block);
         return;
     }
     memset(block, 0, r.size);
     static_cast<Object *>(block)->ftbl = zombie;
+    Held oldest[4];
+    size_t n = 0;
+    bool more = false;
     {
-        SpinGuard guard(g_quarantineLock);
+        SpinGuard guard(g_quarantineLock);  // in, and the oldest out, under one lock
         g_quarantine[(g_head + g_count) % kQuarantineSlots] = Held{block, r.size};
         g_count++;
         g_bytes += r.size;
+        n = TakeOldest(g_quarantineBytes, oldest, 4);
+        more = g_bytes > g_quarantineBytes;
     }
-    ReleaseQuarantine(g_quarantineBytes);
+    GiveBack(oldest, n);
+    if (more) ReleaseQuarantine(g_quarantineBytes);
 }
 
 bool Destroyed(const void *object, bool destroying) {
@@ -141,6 +162,8 @@ bool Destroyed(const void *object, bool destroying) {
 void ReleaseQuarantined() { ReleaseQuarantine(0); }
 
 bool QuarantinePrepare() {
+    if (!MapArray(g_zombieSlots, kZombieSlots) || !MapArray(g_zombieArena, kZombieSlots)) return false;
+    if (!g_zombies.Slots()) g_zombies.Attach(g_zombieSlots, kZombieSlots);
     if (!g_quarantine) {
         const char *megabytes = getenv("VOKT_CHECK_QUARANTINE");  // NOLINT(concurrency-mt-unsafe): read once, when the checks are first switched on
         if (megabytes && megabytes[0]) g_quarantineBytes = static_cast<size_t>(strtoul(megabytes, nullptr, 10)) << 20;

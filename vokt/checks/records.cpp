@@ -32,10 +32,12 @@ Record *FindLocked(Stripe &s, uintptr_t block) {
     return s.table.Find(MixOf(block) >> 6, [block](const Record &r) { return r.block == block; });
 }
 
+// An object's class comes through the thread's part from NewObjectRecorded.
 void Remember(void *block, size_t size, uint32_t site) {
-    const CheckThread *me = Me();
+    CheckThread *me = Me();
     const uint32_t generation = __atomic_load_n(&g_generation, __ATOMIC_RELAXED) << kGenerationShift;
-    Insert(Record{reinterpret_cast<uintptr_t>(block), size, nullptr, site, generation | (me->kept ? kKept : 0u)});
+    Insert(Record{reinterpret_cast<uintptr_t>(block), size, me->making, site, generation | (me->kept ? kKept : 0u)});
+    me->making = nullptr;
 }
 
 void *RecordedMalloc(size_t size) {
@@ -79,7 +81,9 @@ Known Retire(uintptr_t block, Record *out) {
     if (found->flags & (kQuarantined | kGone)) return found->flags & kGone ? Known::kGone : Known::kHeld;
     if (found->cls && Checking(kCheckObjects)) {
         found->flags |= kQuarantined;
-        found->site = 0;  // until the destruction's site is known
+        // Where it is destroyed. A new site takes the sites' lock inside this one, which is
+        // never taken the other way round.
+        found->site = CaptureSite();
         return Known::kLive;
     }
     s.table.Remove(found);
@@ -109,12 +113,14 @@ void Insert(Record r) {
     {
         Stripe &s = StripeOf(r.block);
         SpinGuard guard(s.lock);
-        if (Record *found = FindLocked(s, r.block)) {  // a tombstone, most often: the address is used again
-            if (found->flags & kGone) r.flags |= kReused;
-            *found = r;
+        MakeRoom(s.table);  // without memory, an earlier record of the address is still replaced
+        bool found = false;
+        const uintptr_t block = r.block;
+        if (Record *slot = s.table.FindOrClaim(RecordTraits::Hash(r), [block](const Record &x) { return x.block == block; }, &found)) {
+            if (found && (slot->flags & kGone)) r.flags |= kReused;  // a tombstone: the address is used again
+            *slot = r;
             return;
         }
-        if (MakeRoom(s.table)) return void(*s.table.Claim(RecordTraits::Hash(r)) = r);
     }
     LimitReached(Limit::kRecords);  // no memory: the block goes unrecorded
 }
@@ -138,11 +144,6 @@ bool Bury(uintptr_t block, Record *out) {
     return true;
 }
 
-void SetDestroySite(uintptr_t block, uint32_t site) {
-    Stripe &s = StripeOf(block);
-    SpinGuard guard(s.lock);
-    if (Record *found = FindLocked(s, block)) found->site = site;
-}
 
 bool Take(uintptr_t block, Record *out) {
     Stripe &s = StripeOf(block);
@@ -180,10 +181,15 @@ void RecordsFork(bool take, bool inChild) {
     for (auto &s : g_stripes) take ? s.lock.lock() : s.lock.unlock();
 }
 
-void NoteClass(void *object, const ClassDescriptor *cls) {
-    Stripe &s = StripeOf(reinterpret_cast<uintptr_t>(object));
-    SpinGuard guard(s.lock);
-    if (Record *found = FindLocked(s, reinterpret_cast<uintptr_t>(object))) found->cls = cls;
+void *NewObjectRecorded(const ClassDescriptor *cls, const char *what) {
+    CheckThread *me = Me();
+    me->making = cls;
+    void *object = Alloc(cls->size);
+    me->making = nullptr;  // also when nothing was recorded
+    if (!object) return NoObject(what);
+    memset(object, 0, cls->size);
+    static_cast<Object *>(object)->ftbl = cls;
+    return object;
 }
 
 }  // namespace vokt

@@ -35,11 +35,11 @@ inline void Free(void *block) {
 // One zero-filled object of the class with ftbl set. On failure logs
 // "Unable to allocate <what>" at level 0 (what is "<Class> <variable>") and returns null.
 [[gnu::always_inline]] inline void *NewObject(const ClassDescriptor *cls, const char *what) {
+    if (Checking(kCheckLeaks | kCheckObjects)) return NewObjectRecorded(cls, what);
     void *object = Alloc(cls->size);
     if (!object) return NoObject(what);
     memset(object, 0, cls->size);
     static_cast<Object *>(object)->ftbl = cls;
-    if (Checking(kCheckLeaks | kCheckObjects)) NoteClass(object, cls);
     return object;
 }
 

@@ -27,8 +27,8 @@ extern uint32_t g_checks;
     return __builtin_expect((__atomic_load_n(&g_checks, __ATOMIC_RELAXED) & which) != 0, 0);
 }
 
-// The class of an object just allocated, for its record (leaks, objects).
-void NoteClass(void *object, const ClassDescriptor *cls);
+// NewObject while a check that records blocks is on: the object is recorded with its class.
+void *NewObjectRecorded(const ClassDescriptor *cls, const char *what);
 
 // Gives every destroyed object held back to the allocator (before the allocator changes).
 void ReleaseQuarantined();

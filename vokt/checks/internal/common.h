@@ -103,6 +103,7 @@ constexpr int kHeldKept = 32;  // Mutexes a thread holds that it keeps, in the o
 struct CheckThread {
     int reporting;       // inside a report: the hooks stand aside
     int kept;            // depth of KeptForProcess scopes
+    const ClassDescriptor *making;  // the class of the object being allocated
     uint32_t number;     // the thread's number in reports
     uintptr_t stackEnd;  // 0 until asked
     uint32_t lockEpoch;  // the switching-on of `locks` that heldCount belongs to
@@ -210,8 +211,6 @@ Known Examine(uintptr_t block, Record *out);
 // A quarantined object's record becomes its tombstone (out: the record); false when block is
 // not held back.
 bool Bury(uintptr_t block, Record *out);
-// Where a quarantined object was destroyed.
-void SetDestroySite(uintptr_t block, uint32_t site);
 // Calls visit on every record, each under its table's lock.
 void EachRecord(void (*visit)(const Record &, void *), void *context);
 // True for a record that the leak report counts: made by this process, and neither kept for

@@ -60,6 +60,20 @@ public:
         return &slots_[i];
     }
 
+    // Find and Claim in one walk: the entry match accepts, or else the empty slot where an
+    // entry with this hash goes, now counted (null when the table is full); *found says which.
+    template <typename Match>
+    Entry *FindOrClaim(uint64_t hash, Match match, bool *found) {
+        *found = false;
+        if (!slots_) return nullptr;
+        size_t i = hash & mask_;
+        for (; !Traits::Empty(slots_[i]); i = (i + 1) & mask_)
+            if (match(slots_[i])) return *found = true, &slots_[i];
+        if (Full()) return nullptr;
+        count_++;
+        return &slots_[i];
+    }
+
     // Empties a filled slot. The entries after it in its run move back over the gap unless
     // their home lies after the gap, so that none is cut off from its home by an empty slot.
     void Remove(Entry *slot) {
