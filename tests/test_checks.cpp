@@ -192,7 +192,7 @@ constexpr bool kAddressSanitizer = false;
 // records, not by memory that is the allocator's again. An address used again since names
 // no site: the destroyed object reached there may be an earlier one.
 TEST(Checks, ObjectsPastTheQuarantineAreToldFromTheRecords) {
-    if (kAddressSanitizer) return;  // it reports this program's reads of freed memory itself
+    if (kAddressSanitizer || test::kThreadSanitizer) return;  // they report this program's reads of freed memory themselves
     EXPECT_EQ(0, test::InChild([] {
         Runtime_SetChecks(VOKT_CHECK_OBJECTS);
         String *gone = String_New(), *reused = String_New();
