@@ -43,15 +43,54 @@ void FindAddr2line() {
     }
 }
 
-// Runs addr2line on one address; function and "file:line" into the two buffers.
-bool AskAddr2line(const char *module, uintptr_t address, char *function, size_t functionRoom, char *place,
-                  size_t placeRoom) {
+// What the dynamic linker says of a frame, and where addr2line is to look for it.
+struct Where {
+    Dl_info info;
+    const ElfW(Sym) *symbol;
+    const char *module;  // the file, the program's own read from /proc/self/exe
+    uintptr_t address;   // in the file: of the call, one byte before the return address
+};
+char g_programPath[4096];
+
+bool Locate(void *pc, Where *w) {
+    void *entry = nullptr;
+    w->info = Dl_info{};
+    if (!dladdr1(pc, &w->info, &entry, RTLD_DL_SYMENT) || !w->info.dli_fname) return false;
+    w->symbol = static_cast<const ElfW(Sym) *>(entry);
+    w->module = w->info.dli_fname;
+    if (w->module[0] == '\0' || strcmp(w->module, program_invocation_name) == 0) {  // the program itself
+        if (!g_programPath[0]) {
+            const ssize_t n = readlink("/proc/self/exe", g_programPath, sizeof g_programPath - 1);
+            g_programPath[n > 0 ? n : 0] = '\0';
+        }
+        w->module = g_programPath;
+    }
+    const auto at = reinterpret_cast<uintptr_t>(pc);
+    const auto load = reinterpret_cast<uintptr_t>(w->info.dli_fbase);
+    // A position-independent module is read at its offset, a fixed one at its address.
+    const bool shared = static_cast<const ElfW(Ehdr) *>(w->info.dli_fbase)->e_type == ET_DYN;
+    w->address = (shared ? at - load : at) - 1;  // the return address is just past the call
+    return true;
+}
+
+// Runs addr2line once on n addresses of one module: for each, its function and its
+// "file:line" (each cut to room), empty when not answered. False when it could not be run.
+bool AskAddr2line(const char *module, const uintptr_t *addresses, size_t n, char (*functions)[512], char (*places)[512]) {
     int fds[2];
-    if (!g_hasAddr2line || pipe2(fds, O_CLOEXEC) != 0) return false;
-    char hex[32];
-    snprintf(hex, sizeof hex, "0x%lx", static_cast<unsigned long>(address));
-    char *argv[] = {const_cast<char *>("addr2line"), const_cast<char *>("-f"), const_cast<char *>("-C"),
-                    const_cast<char *>("-e"), const_cast<char *>(module), hex, nullptr};
+    if (!g_hasAddr2line || n == 0 || pipe2(fds, O_CLOEXEC) != 0) return false;
+    constexpr size_t kArgs = 6;
+    auto **argv = static_cast<char **>(MapZeroed((n + kArgs) * sizeof(char *) + n * 24));
+    if (!argv) return close(fds[0]), close(fds[1]), false;
+    char *hex = reinterpret_cast<char *>(argv + n + kArgs);
+    argv[0] = const_cast<char *>("addr2line");
+    argv[1] = const_cast<char *>("-f");
+    argv[2] = const_cast<char *>("-C");
+    argv[3] = const_cast<char *>("-e");
+    argv[4] = const_cast<char *>(module);
+    for (size_t i = 0; i < n; i++, hex += 24) {
+        snprintf(hex, 24, "0x%lx", static_cast<unsigned long>(addresses[i]));
+        argv[5 + i] = hex;
+    }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
@@ -60,58 +99,46 @@ bool AskAddr2line(const char *module, uintptr_t address, char *function, size_t 
     // posix_spawn runs no fork handlers: the log's, which take the runtime's locks, stay out.
     const int rc = posix_spawnp(&pid, "addr2line", &actions, nullptr, argv, environ);
     posix_spawn_file_actions_destroy(&actions);
+    Unmap(argv, (n + kArgs) * sizeof(char *) + n * 24);
     close(fds[1]);
-    char text[1024];
-    size_t used = 0;
-    if (rc == 0) {
-        ssize_t n;
-        while (used < sizeof text - 1 && (n = read(fds[0], text + used, sizeof text - 1 - used)) > 0)
-            used += static_cast<size_t>(n);
-        waitpid(pid, nullptr, 0);
+    // Two lines an address, read a line at a time.
+    char line[1024];
+    size_t used = 0, lines = 0;
+    ssize_t got = 0;
+    char chunk[4096];
+    while (rc == 0 && (got = read(fds[0], chunk, sizeof chunk)) > 0) {
+        for (ssize_t k = 0; k < got; k++) {
+            if (chunk[k] != '\n') {
+                if (used < sizeof line - 1) line[used++] = chunk[k];
+                continue;
+            }
+            line[used] = '\0';
+            used = 0;
+            const size_t i = lines / 2;
+            if (i < n) CopyCut(lines % 2 ? places[i] : functions[i], 512, line);
+            lines++;
+        }
     }
+    if (rc == 0) waitpid(pid, nullptr, 0);
     close(fds[0]);
-    text[used] = '\0';
-    char *second = strchr(text, '\n');
-    if (rc != 0 || !second) return false;
-    *second++ = '\0';
-    second[strcspn(second, " \n")] = '\0';
-    CopyCut(function, functionRoom, text);
-    CopyCut(place, placeRoom, second);
-    return true;
+    for (size_t i = 0; i < n; i++) places[i][strcspn(places[i], " ")] = '\0';  // " (discriminator 1)"
+    return rc == 0;
 }
 
-void FormatFrameAnew(void *pc, char *out, size_t room) {
-    Dl_info info{};
-    void *entry = nullptr;
-    if (!dladdr1(pc, &info, &entry, RTLD_DL_SYMENT) || !info.dli_fname) {
-        snprintf(out, room, "%p", pc);
-        return;
-    }
-    char path[4096];
-    const char *module = info.dli_fname;
-    if (module[0] == '\0' || strcmp(module, program_invocation_name) == 0) {  // the program itself
-        const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
-        path[n > 0 ? n : 0] = '\0';
-        module = path;
-    }
-    const char *base = strrchr(module, '/') ? strrchr(module, '/') + 1 : module;
+// A frame as text, from what the linker and (when asked) addr2line said.
+void Compose(void *pc, Where &w, bool asked, const char *function, const char *place, char *out, size_t room) {
+    const char *base = strrchr(w.module, '/') ? strrchr(w.module, '/') + 1 : w.module;
     const auto at = reinterpret_cast<uintptr_t>(pc);
-    const auto load = reinterpret_cast<uintptr_t>(info.dli_fbase);
-    // A position-independent module is read at its offset, a fixed one at its address.
-    const bool shared = static_cast<const ElfW(Ehdr) *>(info.dli_fbase)->e_type == ET_DYN;
-    char function[512] = "", place[512] = "";
-    // The return address is just past the call; the line is the call's own.
-    const bool asked = AskAddr2line(module, (shared ? at - load : at) - 1, function, sizeof function, place, sizeof place);
-    const bool known = asked && strcmp(place, "??:0") != 0 && strcmp(place, "??:?") != 0;
+    const auto load = reinterpret_cast<uintptr_t>(w.info.dli_fbase);
+    const bool known = asked && place[0] && strcmp(place, "??:0") != 0 && strcmp(place, "??:?") != 0;
     // The nearest exported symbol below may end before the address (a static function
     // lies between): then it is not the function's name.
-    const auto *symbol = static_cast<const ElfW(Sym) *>(entry);
-    const bool inside = symbol && info.dli_saddr &&
-                        (symbol->st_size == 0 || at < reinterpret_cast<uintptr_t>(info.dli_saddr) + symbol->st_size);
-    const char *name = inside ? info.dli_sname : nullptr;
-    if (!inside) info.dli_saddr = nullptr;
-    uintptr_t offset = info.dli_saddr ? at - reinterpret_cast<uintptr_t>(info.dli_saddr) : at - load;
-    if (!name && asked && strcmp(function, "??") != 0) {
+    const bool inside = w.symbol && w.info.dli_saddr &&
+                        (w.symbol->st_size == 0 || at < reinterpret_cast<uintptr_t>(w.info.dli_saddr) + w.symbol->st_size);
+    const char *name = inside ? w.info.dli_sname : nullptr;
+    if (!inside) w.info.dli_saddr = nullptr;
+    uintptr_t offset = w.info.dli_saddr ? at - reinterpret_cast<uintptr_t>(w.info.dli_saddr) : at - load;
+    if (!name && asked && function[0] && strcmp(function, "??") != 0) {
         name = function;
         offset = 0;
     }
@@ -129,33 +156,104 @@ void FormatFrameAnew(void *pc, char *out, size_t room) {
 }
 
 // Frames already printed, by address: a report names the same frames again and again (the
-// program's outer calls), and each one costs a run of addr2line. A cache, not a table: an
-// address whose place another one took is simply printed anew.
-constexpr uint32_t kPrinted = 512;
-constexpr size_t kPrintedText = 1024;
+// program's outer calls), and each costs addr2line. The table grows with the frames reports
+// print; past kPrintedMost it starts afresh.
+constexpr size_t kPrintedText = 512;
+constexpr size_t kPrintedMost = 1u << 17;
 struct Printed {
-    void *pc;
+    void *pc;  // null: empty
     char text[kPrintedText];
 };
-Printed *g_printed = nullptr;
+struct PrintedTraits {
+    static bool Empty(const Printed &p) { return p.pc == nullptr; }
+    static uint64_t Hash(const Printed &p) { return Mix(reinterpret_cast<uintptr_t>(p.pc), 0); }
+};
+checks::Table<Printed, PrintedTraits> g_printed;
 SpinLock g_printedLock;
+
+Printed *FindPrinted(void *pc) {
+    return g_printed.Find(Mix(reinterpret_cast<uintptr_t>(pc), 0), [pc](const Printed &p) { return p.pc == pc; });
+}
+
+bool Cached(void *pc, char *out, size_t room) {
+    SpinGuard guard(g_printedLock);
+    const Printed *found = FindPrinted(pc);
+    if (found && out) CopyCut(out, room, found->text);
+    return found != nullptr;
+}
+
+void Keep(void *pc, const char *text) {
+    SpinGuard guard(g_printedLock);
+    if (FindPrinted(pc)) return;
+    if (g_printed.Full() && g_printed.Capacity() >= kPrintedMost) {  // start afresh
+        Unmap(g_printed.Slots(), g_printed.Capacity() * sizeof(Printed));
+        g_printed.Attach(nullptr, 0);
+    }
+    if (!MakeRoom(g_printed)) return;
+    Printed *slot = g_printed.Claim(Mix(reinterpret_cast<uintptr_t>(pc), 0));
+    slot->pc = pc;
+    CopyCut(slot->text, kPrintedText, text);
+}
 
 }  // namespace
 
 void FormatFrame(void *pc, char *out, size_t room) {
-    const uint64_t at = Mix(reinterpret_cast<uintptr_t>(pc), 0) & (kPrinted - 1);
-    {
-        SpinGuard guard(g_printedLock);
-        if (g_printed && g_printed[at].pc == pc) {
-            CopyCut(out, room, g_printed[at].text);
-            return;
+    if (Cached(pc, out, room)) return;
+    Where w{};
+    if (!Locate(pc, &w)) return void(snprintf(out, room, "%p", pc));
+    char function[1][512] = {""}, place[1][512] = {""};
+    const bool asked = AskAddr2line(w.module, &w.address, 1, function, place);
+    Compose(pc, w, asked, function[0], place[0], out, room);
+    Keep(pc, out);
+}
+
+void ResolveFrames(void *const *pcs, size_t n) {
+    size_t pending = 0;
+    for (size_t i = 0; i < n; i++) pending += !Cached(pcs[i], nullptr, 0);
+    if (pending == 0) return;
+    // Each frame not printed yet, located once; then module by module, kBatch at a time.
+    constexpr size_t kBatch = 256;
+    struct Batch {
+        uintptr_t address[kBatch];
+        size_t index[kBatch];
+        char function[kBatch][512], place[kBatch][512];
+    };
+    const size_t bytes = sizeof(Batch) + pending * (sizeof(Where) + sizeof(void *));
+    auto *b = static_cast<Batch *>(MapZeroed(bytes));
+    if (!b) return;
+    auto *where = reinterpret_cast<Where *>(b + 1);
+    auto *pc = reinterpret_cast<void **>(where + pending);
+    size_t count = 0;
+    for (size_t i = 0; i < n; i++)
+        if (!Cached(pcs[i], nullptr, 0) && Locate(pcs[i], &where[count])) pc[count++] = pcs[i];
+    for (size_t first = 0; first < count; first++) {
+        if (!where[first].module) continue;  // done
+        const char *module = where[first].module;
+        size_t batch = 0;
+        for (size_t j = first; j < count && batch < kBatch; j++) {
+            if (where[j].module != module) continue;
+            where[j].module = nullptr;  // taken
+            bool again = false;  // the same frame twice: one line will do
+            for (size_t k = 0; k < batch && !again; k++) again = pc[b->index[k]] == pc[j];
+            if (again) continue;
+            b->index[batch] = j;
+            b->address[batch] = where[j].address;
+            b->function[batch][0] = b->place[batch][0] = '\0';
+            batch++;
         }
+        const bool asked = AskAddr2line(module, b->address, batch, b->function, b->place);
+        for (size_t k = 0; k < batch; k++) {
+            Where &w = where[b->index[k]];
+            w.module = module;
+            char text[kPrintedText];
+            Compose(pc[b->index[k]], w, asked, b->function[k], b->place[k], text, sizeof text);
+            w.module = nullptr;
+            Keep(pc[b->index[k]], text);
+        }
+        first--;  // the first frame of this module may lead further ones left by the batch's bound
+        while (first + 1 < count && !where[first + 1].module) first++;
     }
-    FormatFrameAnew(pc, out, room);
-    SpinGuard guard(g_printedLock);
-    if (!MapArray(g_printed, kPrinted)) return;
-    g_printed[at].pc = pc;
-    CopyCut(g_printed[at].text, kPrintedText, out);
+    Unmap(b, bytes);
 }
 
 bool FramesPrepare() {

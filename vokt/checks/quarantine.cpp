@@ -82,7 +82,7 @@ void ReportDestroyed(const Record &r, bool destroying) {
     const bool certain = !(r.flags & kReused);
     if (!FirstTime(destroying ? kReportDestroy : kReportUse, certain ? r.site : 0, at)) return;
     Line line(8400);
-    line.Add("%s %s after it was destroyed ", r.cls->name, destroying ? "destroyed again" : "used");
+    line.Add("%s %s after it was destroyed ", ShownName(r.cls), destroying ? "destroyed again" : "used");
     certain ? line.Add("at ").AddSite(r.site) : line.Add("earlier; its site is no longer kept");
     line.Add(destroying ? "; destroyed again at " : "; used at ").AddSite(at).Send();
 }

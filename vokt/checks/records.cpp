@@ -176,6 +176,8 @@ void InstallRecorders() {
     __atomic_store_n(&m.Free, &RecordedFree, __ATOMIC_RELAXED);
 }
 
+bool InForkedChild() { return __atomic_load_n(&g_generation, __ATOMIC_RELAXED) != 0; }
+
 void RecordsFork(bool take, bool inChild) {
     if (inChild) __atomic_add_fetch(&g_generation, 1, __ATOMIC_RELAXED);
     for (auto &s : g_stripes) take ? s.lock.lock() : s.lock.unlock();

@@ -47,6 +47,7 @@ Line &Line::Add(const char *format, ...) {
 Line &Line::AddSite(uint32_t site) {
     const Frames frames = FramesOf(site);
     if (frames.count == 0) return Add("an unknown site");
+    ResolveFrames(frames.pc, frames.count);
     char text[4096];  // a site's text is cut here, whatever room the line has
     size_t used = 0;
     text[0] = '\0';
@@ -59,7 +60,11 @@ Line &Line::AddSite(uint32_t site) {
     return Add("%s", text);
 }
 
+uint64_t g_reportsMade = 0;
+uint64_t ReportsMade() { return __atomic_load_n(&g_reportsMade, __ATOMIC_RELAXED); }
+
 void Line::Send() {
+    __atomic_add_fetch(&g_reportsMade, 1, __ATOMIC_RELAXED);
     CheckThread *me = Me();
     me->reporting++;
     fprintf(stderr, "%s\n", text_);

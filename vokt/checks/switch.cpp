@@ -3,6 +3,8 @@
 // from code, and what each needs made first.
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
+#include <unistd.h>
 
 #include "vokt/checks/checks.h"
 #include "vokt/checks/internal/common.h"
@@ -14,7 +16,8 @@ uint32_t g_checks = 0;
 
 namespace {
 
-// A comma-separated list of words; spaces around a word do not count.
+// A list of words separated by commas or semicolons, in any case; spaces around a word do
+// not count.
 uint32_t ParseChecks(const char *text) {
     struct Word {
         const char *word;
@@ -24,17 +27,17 @@ uint32_t ParseChecks(const char *text) {
                                       {"objects", VOKT_CHECK_OBJECTS}, {"all", VOKT_CHECK_ALL}};
     uint32_t flags = 0;
     for (const char *p = text; *p;) {
-        const size_t span = strcspn(p, ",");
+        const size_t span = strcspn(p, ",;");
         const char *word = p;
         size_t length = span;
-        while (length > 0 && *word == ' ') word++, length--;
-        while (length > 0 && word[length - 1] == ' ') length--;
+        while (length > 0 && (*word == ' ' || *word == '\t')) word++, length--;
+        while (length > 0 && (word[length - 1] == ' ' || word[length - 1] == '\t')) length--;
         bool known = length == 0;
         for (const auto &w : kWords)
-            if (strlen(w.word) == length && strncmp(word, w.word, length) == 0) flags |= w.flag, known = true;
+            if (strlen(w.word) == length && strncasecmp(word, w.word, length) == 0) flags |= w.flag, known = true;
         if (!known)
             Line(320).Add("VOKT_CHECK: unknown check \"%.*s\" ignored", static_cast<int>(length > 200 ? 200 : length), word).Send();
-        p += span + (p[span] == ',' ? 1 : 0);
+        p += span + (p[span] != '\0' ? 1 : 0);
     }
     return flags;
 }
@@ -61,16 +64,26 @@ void SetChecks(uint32_t flags) {
     if ((before & VOKT_CHECK_OBJECTS) && !(flags & VOKT_CHECK_OBJECTS)) ReleaseQuarantine(0);
 }
 
+// VOKT_CHECK_EXITCODE: the status of a process that reported anything (-1: its own).
+int g_exitCode = -1;
+
 // Read when the library is loaded, so that objects made before Runtime_Init are seen too.
 [[gnu::constructor]] void ReadSwitch() {
     const char *text = getenv("VOKT_CHECK");  // NOLINT(concurrency-mt-unsafe): read once at load
+    const char *code = getenv("VOKT_CHECK_EXITCODE");  // NOLINT(concurrency-mt-unsafe): read once at load
+    if (code && code[0] != '\0') g_exitCode = atoi(code);  // NOLINT(cert-err34-c): a number or nothing
     if (text && text[0] != '\0') SetChecks(ParseChecks(text));
 }
 
-// At exit: what is still alive, then the quarantine goes back to the allocator.
+// At exit: what is still alive, then the quarantine goes back to the allocator; a process
+// that reported anything ends with VOKT_CHECK_EXITCODE when it is set, as the sanitizers do.
 [[gnu::destructor]] void AtExit() {
-    if (Checking(kCheckLeaks)) WriteLeaks(nullptr, "at exit");
+    if (Checking(kCheckLeaks)) WriteLeaks(nullptr, "at exit", false);
     if (Checking(kCheckObjects)) ReleaseQuarantine(0);
+    if (g_exitCode >= 0 && ReportsMade() > 0) {
+        fflush(nullptr);
+        _exit(g_exitCode);
+    }
 }
 
 }  // namespace

@@ -17,8 +17,6 @@ constexpr char kModule[] = "objectset";
 constexpr int32_t kInitialBuckets = 8;
 constexpr double kLoadFactor = 0.75;
 
-extern const ObjectSetDescriptor kObjectSetClass;
-
 const ClassDescriptor *ClassOf(const void *object) { return static_cast<const Object *>(object)->ftbl; }
 
 // Absolute value and remainder in signed 32-bit arithmetic: the most negative hash keeps
@@ -90,6 +88,10 @@ void Rehash(ObjectSet *set) {
     set->bucketCount = newCount;
 }
 
+
+}  // namespace
+
+namespace vokt {
 const ObjectSetDescriptor kObjectSetClass = {
     {sizeof(ObjectSet), "Set", +[](void *o) { ObjectSet_Free(static_cast<ObjectSet *>(o)); }, nullptr, nullptr,
      nullptr},
@@ -101,13 +103,12 @@ const ObjectSetDescriptor kObjectSetClass = {
     ObjectSet_Clear,
     ObjectSet_RemoveAny,
 };
-
-}  // namespace
+}  // namespace vokt
 
 extern "C" {
 
 ObjectSet *ObjectSet_New(void) {
-    auto *oset = vokt::New<ObjectSet>(&kObjectSetClass.base, "ObjectSet oset");
+    auto *oset = vokt::New<ObjectSet>(&vokt::kObjectSetClass.base, "ObjectSet oset");
     if (!oset) return nullptr;
     oset->bucketCount = kInitialBuckets;
     oset->usedBuckets = 0;
@@ -124,7 +125,7 @@ ObjectSet *ObjectSet_New(void) {
 
 int32_t ObjectSet_Add(ObjectSet *set, void *obj, int32_t *added) {
     VOKT_ASSERT_OR_RETURN(set != NULL, -1);
-    if (vokt::UsedAfterDestroy(set, &kObjectSetClass.base)) return -1;
+    if (vokt::UsedAfterDestroy(set, &vokt::kObjectSetClass.base)) return -1;
     VOKT_ASSERT_OR_RETURN(obj != NULL, -1);
     VOKT_ASSERT_OR_RETURN(ClassOf(obj)->Hash != NULL, -1);  // an object that cannot be placed
     int32_t result = 0;
@@ -152,7 +153,7 @@ int32_t ObjectSet_Add(ObjectSet *set, void *obj, int32_t *added) {
 
 void *ObjectSet_Find(ObjectSet *set, void *probe) {
     VOKT_ASSERT_OR_RETURN(set != NULL, nullptr);
-    if (vokt::UsedAfterDestroy(set, &kObjectSetClass.base)) return nullptr;
+    if (vokt::UsedAfterDestroy(set, &vokt::kObjectSetClass.base)) return nullptr;
     if (!probe) return nullptr;
     VOKT_ASSERT_OR_RETURN(ClassOf(probe)->Hash != NULL, nullptr);
     ObjectSetEntry *entry = *FindLink(set, probe, BucketOf(probe, set->bucketCount));
@@ -161,7 +162,7 @@ void *ObjectSet_Find(ObjectSet *set, void *probe) {
 
 void *ObjectSet_Remove(ObjectSet *set, void *probe) {
     VOKT_ASSERT_OR_RETURN(set != NULL, nullptr);
-    if (vokt::UsedAfterDestroy(set, &kObjectSetClass.base)) return nullptr;
+    if (vokt::UsedAfterDestroy(set, &vokt::kObjectSetClass.base)) return nullptr;
     if (!probe) return nullptr;
     VOKT_ASSERT_OR_RETURN(ClassOf(probe)->Hash != NULL, nullptr);
     const int32_t bucket = BucketOf(probe, set->bucketCount);
@@ -171,7 +172,7 @@ void *ObjectSet_Remove(ObjectSet *set, void *probe) {
 
 void *ObjectSet_RemoveAny(ObjectSet *set) {
     VOKT_ASSERT_OR_RETURN(set != NULL, nullptr);
-    if (vokt::UsedAfterDestroy(set, &kObjectSetClass.base)) return nullptr;
+    if (vokt::UsedAfterDestroy(set, &vokt::kObjectSetClass.base)) return nullptr;
     for (int32_t i = 0; i < set->bucketCount; i++)
         if (set->buckets[i]) return Unlink(set, &set->buckets[i], i);
     return nullptr;
@@ -179,7 +180,7 @@ void *ObjectSet_RemoveAny(ObjectSet *set) {
 
 int32_t ObjectSet_AddVector(ObjectSet *set, Vector *vector) {
     VOKT_ASSERT_OR_RETURN(set != NULL && vector != NULL, -1);
-    if (vokt::UsedAfterDestroy(set, &kObjectSetClass.base) || vokt::UsedAfterDestroy(vector, &vokt::kVectorClass.base)) return -1;
+    if (vokt::UsedAfterDestroy(set, &vokt::kObjectSetClass.base) || vokt::UsedAfterDestroy(vector, &vokt::kVectorClass.base)) return -1;
     const vokt::VectorReader read(vector);
     const int64_t count = read.Length();
     for (int64_t i = 0; i < count; i++) {
@@ -192,7 +193,7 @@ int32_t ObjectSet_AddVector(ObjectSet *set, Vector *vector) {
 
 int32_t ObjectSet_ToVector(ObjectSet *set, Vector *vector) {
     VOKT_ASSERT_OR_RETURN(set != NULL && vector != NULL, -1);
-    if (vokt::UsedAfterDestroy(set, &kObjectSetClass.base) || vokt::UsedAfterDestroy(vector, &vokt::kVectorClass.base)) return -1;
+    if (vokt::UsedAfterDestroy(set, &vokt::kObjectSetClass.base) || vokt::UsedAfterDestroy(vector, &vokt::kVectorClass.base)) return -1;
     const auto add = vokt::VectorSlots(vector)->Add;
     for (int32_t i = 0; i < set->bucketCount; i++)
         for (ObjectSetEntry *entry = set->buckets[i]; entry; entry = entry->next)
@@ -202,7 +203,7 @@ int32_t ObjectSet_ToVector(ObjectSet *set, Vector *vector) {
 
 void ObjectSet_Clear(ObjectSet *set) {
     VOKT_ASSERT_OR_RETURN(set != NULL);
-    if (vokt::UsedAfterDestroy(set, &kObjectSetClass.base)) return;
+    if (vokt::UsedAfterDestroy(set, &vokt::kObjectSetClass.base)) return;
     for (int32_t i = 0; i < set->bucketCount; i++) {
         for (ObjectSetEntry *entry = set->buckets[i]; entry;) {
             ObjectSetEntry *next = entry->next;
@@ -216,7 +217,7 @@ void ObjectSet_Clear(ObjectSet *set) {
 
 void ObjectSet_Free(ObjectSet *oset) {
     VOKT_ASSERT_OR_RETURN(oset != NULL);
-    if (vokt::DestroyedAgain(oset, &kObjectSetClass.base)) return;  // destroyed before: reported, nothing released
+    if (vokt::DestroyedAgain(oset, &vokt::kObjectSetClass.base)) return;  // destroyed before: reported, nothing released
     ObjectSet_Clear(oset);
     vokt::Free(oset->buckets);
     vokt::Free(oset);

@@ -3,12 +3,14 @@
 #ifndef VOKT_INTERNAL_CLASSES_H
 #define VOKT_INTERNAL_CLASSES_H
 
+#include "vokt/containers/objectset.h"
 #include "vokt/containers/vector.h"
 #include "vokt/core/object.h"
 
 namespace vokt {
 extern const ClassDescriptor kStringClass;
 extern const VectorDescriptor kVectorClass;
+extern const ObjectSetDescriptor kObjectSetClass;
 
 inline const VectorDescriptor *VectorSlots(const Vector *v) {
     return reinterpret_cast<const VectorDescriptor *>(v->ftbl);

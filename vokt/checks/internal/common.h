@@ -11,6 +11,7 @@
 #include <sys/mman.h>
 
 #include "vokt/checks/internal/table.h"
+#include "vokt/internal/classes.h"
 #include "vokt/internal/hooks.h"
 
 namespace vokt {
@@ -30,7 +31,8 @@ inline void Unmap(void *block, size_t bytes) {
 // switch's lock, before any hook can reach it); true once it is there.
 template <typename T>
 bool MapArray(T *&array, size_t count) {
-    if (!array) array = static_cast<T *>(MapZeroed(count * sizeof(T)));
+    const size_t bytes = count * sizeof(T);  // NOLINT(bugprone-sizeof-expression): an array's elements may be pointers
+    if (!array) array = static_cast<T *>(MapZeroed(bytes));
     return array != nullptr;
 }
 // Doubles a table that has no room for one more entry (its first array has 256 slots);
@@ -131,6 +133,9 @@ struct Frames {
 Frames FramesOf(uint32_t site);
 // One frame as text: "f+0x2f (app, app.c:12)".
 void FormatFrame(void *pc, char *out, size_t room);
+// Finds the text of many frames at once (one run of addr2line a module), for the reports
+// that print them next.
+void ResolveFrames(void *const *pcs, size_t n);
 bool SitesPrepare();
 bool FramesPrepare();
 void SitesFork(bool take);
@@ -173,6 +178,13 @@ enum ReportKind : uint32_t {
     kHoldAndWait = 6,
 };
 bool FirstTime(ReportKind kind, uint64_t a, uint64_t b);
+// Reports made by this process so far.
+uint64_t ReportsMade();
+// A class as reports name it and Runtime_CountLive finds it: the library's set by the name of
+// its type, ObjectSet (its descriptor says "Set").
+inline const char *ShownName(const ClassDescriptor *cls) {
+    return cls == &kObjectSetClass.base ? "ObjectSet" : cls->name;
+}
 // The bounds of the checks. Reaching one is reported once for the process, with what may be
 // missed from then on. The fixed tables (read without a lock, so that they cannot move):
 constexpr size_t kSiteSlots = 1u << 15;
@@ -219,9 +231,12 @@ bool Reported(const Record &r);
 // Puts the recorders in front of the program's allocator, for good.
 void InstallRecorders();
 void RecordsFork(bool take, bool inChild);
+// True in a child of fork(): its report at exit names its process.
+bool InForkedChild();
 // Writes the leak report (when is "at exit" or "now"): to out, or through Line::Send when
-// out is null. The number of objects and blocks reported, or -1.
-int64_t WriteLeaks(FILE *out, const char *when);
+// out is null; every group, or the 20 most numerous. The number of objects and blocks
+// reported, or -1.
+int64_t WriteLeaks(FILE *out, const char *when, bool every);
 
 // ---- Destroyed objects (quarantine.cpp)
 
