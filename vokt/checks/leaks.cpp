@@ -14,32 +14,95 @@ namespace {
 struct Group {
     const ClassDescriptor *cls;  // null for blocks
     uint32_t site;
+    bool orphan;     // memory made for objects the report does not list
     uint64_t count;  // 0: empty
     uint64_t bytes;
 };
 struct GroupTraits {
     static bool Empty(const Group &g) { return g.count == 0; }
-    static uint64_t Hash(const Group &g) { return Mix(reinterpret_cast<uintptr_t>(g.cls), g.site); }
+    static uint64_t Hash(const Group &g) { return Mix(reinterpret_cast<uintptr_t>(g.cls), g.site * 2u + g.orphan); }
 };
 
-// Gathered under the stripes' locks into the checks' own memory; printed after.
+// What is alive, gathered under the stripes' locks into the checks' own memory; then each
+// block and object made for another one is folded into the outermost owner listed (a
+// Stream and the Strings it keeps are one leak), and the rest grouped by class and site.
+struct Alive {
+    uintptr_t block, owner;
+    const ClassDescriptor *cls;
+    uint64_t bytes;  // its own, and what is folded into it
+    uint32_t site;
+    bool folded;
+};
+struct Where {  // an Alive by its address
+    uintptr_t block;
+    uint32_t index;
+};
+struct WhereTraits {
+    static bool Empty(const Where &w) { return w.block == 0; }
+    static uint64_t Hash(const Where &w) { return Mix64(w.block); }
+};
+
 struct Tally {
+    Alive *alive = nullptr;
+    size_t count = 0, capacity = 0;
+    bool lost = false;  // no memory for all of it
+    checks::Table<Where, WhereTraits> where;
     checks::Table<Group, GroupTraits> groups;
     uint64_t objects = 0, blocks = 0;
     Tally() = default;
     Tally(const Tally &) = delete;
     Tally &operator=(const Tally &) = delete;
-    ~Tally() { Unmap(groups.Slots(), groups.Capacity() * sizeof(Group)); }
+    ~Tally() {
+        Unmap(alive, capacity * sizeof(Alive));
+        Unmap(where.Slots(), where.Capacity() * sizeof(Where));
+        Unmap(groups.Slots(), groups.Capacity() * sizeof(Group));
+    }
 
-    void Add(const Record &r) {
-        const Group key{r.cls, r.site, 1, r.size};
-        const uint64_t hash = GroupTraits::Hash(key);
-        Group *g = groups.Find(hash, [&](const Group &x) { return x.cls == r.cls && x.site == r.site; });
-        if (!g && MakeRoom(groups)) *(g = groups.Claim(hash)) = Group{r.cls, r.site, 0, 0};
-        if (!g) return;  // no memory: left out
-        g->count++;
-        g->bytes += r.size;
-        (r.cls ? objects : blocks)++;
+    void Gather(const Record &r) {
+        if (count == capacity) {
+            const size_t grown = capacity ? capacity * 2 : 4096;
+            auto *more = static_cast<Alive *>(MapZeroed(grown * sizeof(Alive)));
+            if (!more) return void(lost = true);
+            if (alive) memcpy(more, alive, count * sizeof(Alive));
+            Unmap(alive, capacity * sizeof(Alive));
+            alive = more;
+            capacity = grown;
+        }
+        alive[count++] = Alive{r.block, r.owner, r.cls, r.size, r.site, false};
+    }
+
+    const Alive *Find(uintptr_t block) const {
+        const Where *w = where.Find(Mix64(block), [block](const Where &x) { return x.block == block; });
+        return w ? &alive[w->index] : nullptr;
+    }
+
+    void Fold() {
+        for (size_t i = 0; i < count; i++)
+            if (MakeRoom(where)) *where.Claim(Mix64(alive[i].block)) = Where{alive[i].block, static_cast<uint32_t>(i)};
+        for (size_t i = 0; i < count; i++) {
+            Alive *root = &alive[i];
+            for (int depth = 0; depth < 16 && root->owner; depth++) {  // an owner of an owner...
+                const Alive *owner = Find(root->owner);
+                if (!owner || owner == root) break;
+                root = const_cast<Alive *>(owner);
+            }
+            if (root == &alive[i]) continue;
+            root->bytes += alive[i].bytes;
+            alive[i].folded = true;
+        }
+        for (size_t i = 0; i < count; i++) {
+            const Alive &a = alive[i];
+            if (a.folded) continue;
+            const bool orphan = a.owner != 0;
+            const Group key{a.cls, a.site, orphan, 1, 0};
+            const uint64_t hash = GroupTraits::Hash(key);
+            Group *g = groups.Find(hash, [&](const Group &x) { return x.cls == a.cls && x.site == a.site && x.orphan == orphan; });
+            if (!g && MakeRoom(groups)) *(g = groups.Claim(hash)) = Group{a.cls, a.site, orphan, 0, 0};
+            if (!g) continue;  // no memory: left out
+            g->count++;
+            g->bytes += a.bytes;
+            (a.cls ? objects : blocks)++;
+        }
     }
 };
 
@@ -58,8 +121,9 @@ int ByCount(const void *a, const void *b) {
 int64_t WriteLeaks(FILE *out, const char *when, bool every) {
     Tally t;
     EachRecord(+[](const Record &r, void *tally) {
-        if (Reported(r)) static_cast<Tally *>(tally)->Add(r);
+        if (Reported(r)) static_cast<Tally *>(tally)->Gather(r);
     }, &t);
+    t.Fold();
     if (t.groups.Count() == 0) return 0;
     qsort(t.groups.Slots(), t.groups.Capacity(), sizeof(Group), ByCount);  // the table is done with
     const size_t shown = every ? t.groups.Count() : 20;
@@ -85,9 +149,9 @@ int64_t WriteLeaks(FILE *out, const char *when, bool every) {
     for (size_t i = 0; i < t.groups.Count() && i < shown; i++) {
         const Group &g = groups[i];
         const char *name = g.cls ? ShownName(g.cls) : (g.count == 1 ? "block" : "blocks");
-        line.Add("%s %llu %s (%llu bytes) from ", i ? ";" : "", static_cast<unsigned long long>(g.count), name,
+        line.Add("%s %llu %s (%llu bytes) ", i ? ";" : "", static_cast<unsigned long long>(g.count), name,
                  static_cast<unsigned long long>(g.bytes));
-        line.AddSite(g.site);
+        g.orphan ? line.Add("held by objects this report does not list") : line.Add("from ").AddSite(g.site);
     }
     if (t.groups.Count() > shown) line.Add("; and %zu more groups", t.groups.Count() - shown);
     out ? line.Print(out) : line.Send();

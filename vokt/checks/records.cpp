@@ -32,17 +32,20 @@ Record *FindLocked(Stripe &s, uintptr_t block) {
     return s.table.Find(MixOf(block) >> 6, [block](const Record &r) { return r.block == block; });
 }
 
-// An object's class comes through the thread's part from NewObjectRecorded.
-void Remember(void *block, size_t size, uint32_t site) {
+// An object's class and its owner come through the thread's part (NewObjectRecorded,
+// OwnedBy); memory made for an owner needs no call site: it is reported with the owner.
+[[gnu::noinline]] void Remember(void *block, size_t size) {
     CheckThread *me = Me();
     const uint32_t generation = __atomic_load_n(&g_generation, __ATOMIC_RELAXED) << kGenerationShift;
-    Insert(Record{reinterpret_cast<uintptr_t>(block), size, me->making, site, generation | (me->kept ? kKept : 0u)});
+    const uint32_t site = me->owner ? 0 : CaptureSite();
+    Insert(Record{reinterpret_cast<uintptr_t>(block), size, me->making, site, generation | (me->kept ? kKept : 0u),
+                  reinterpret_cast<uintptr_t>(me->owner)});
     me->making = nullptr;
 }
 
 void *RecordedMalloc(size_t size) {
     void *block = g_program.Malloc(size);
-    if (block && Checking(kCheckLeaks | kCheckObjects)) Remember(block, size, CaptureSite());
+    if (block && Checking(kCheckLeaks | kCheckObjects)) Remember(block, size);
     return block;
 }
 
@@ -62,9 +65,10 @@ void *RecordedRealloc(void *block, size_t size) {
     if (had) {
         r.block = reinterpret_cast<uintptr_t>(moved);
         r.size = size;
+        if (const void *owner = Me()->owner) r.owner = reinterpret_cast<uintptr_t>(owner);
         Insert(r);
     } else if (Checking(kCheckLeaks | kCheckObjects)) {
-        Remember(moved, size, CaptureSite());
+        Remember(moved, size);
     }
     return moved;
 }
@@ -181,6 +185,26 @@ bool InForkedChild() { return __atomic_load_n(&g_generation, __ATOMIC_RELAXED) !
 void RecordsFork(bool take, bool inChild) {
     if (inChild) __atomic_add_fetch(&g_generation, 1, __ATOMIC_RELAXED);
     for (auto &s : g_stripes) take ? s.lock.lock() : s.lock.unlock();
+}
+
+const void *EnterOwner(const void *owner) {
+    CheckThread *me = Me();
+    const void *before = me->owner;
+    me->owner = owner;
+    return before;
+}
+
+void LeaveOwner(const void *before) { Me()->owner = before; }
+
+void *ReallocOwned(const void *owner, void *block, size_t size) {
+    const OwnedBy mine(owner);
+    return block ? Realloc(block, size) : Alloc(size);
+}
+
+void Reown(const void *block, const void *owner) {
+    Stripe &s = StripeOf(reinterpret_cast<uintptr_t>(block));
+    SpinGuard guard(s.lock);
+    if (Record *found = FindLocked(s, reinterpret_cast<uintptr_t>(block))) found->owner = reinterpret_cast<uintptr_t>(owner);
 }
 
 void *NewObjectRecorded(const ClassDescriptor *cls, const char *what) {

@@ -114,7 +114,7 @@ ObjectSet *ObjectSet_New(void) {
     oset->usedBuckets = 0;
     oset->rehashThreshold = static_cast<int32_t>(kInitialBuckets * kLoadFactor);
     oset->loadFactor = kLoadFactor;
-    oset->buckets = static_cast<ObjectSetEntry **>(vokt::Alloc(kInitialBuckets * sizeof(ObjectSetEntry *)));
+    oset->buckets = static_cast<ObjectSetEntry **>(vokt::AllocFor(oset, kInitialBuckets * sizeof(ObjectSetEntry *)));
     if (!oset->buckets) {
         vokt::Free(oset);  // no message for the heads, only for the record
         return nullptr;
@@ -127,6 +127,7 @@ int32_t ObjectSet_Add(ObjectSet *set, void *obj, int32_t *added) {
     VOKT_ASSERT_OR_RETURN(set != NULL, -1);
     if (vokt::UsedAfterDestroy(set, &vokt::kObjectSetClass.base)) return -1;
     VOKT_ASSERT_OR_RETURN(obj != NULL, -1);
+    vokt::OwnedBy mine(set);
     VOKT_ASSERT_OR_RETURN(ClassOf(obj)->Hash != NULL, -1);  // an object that cannot be placed
     int32_t result = 0;
     const int32_t bucket = BucketOf(obj, set->bucketCount);

@@ -42,6 +42,7 @@ extern "C" {
 StringBag *StringBag_New(void) {
     auto *sb = vokt::New<StringBag>(&kStringBagClass, "StringBag sb");
     if (!sb) return nullptr;
+    vokt::OwnedBy mine(sb);
     sb->elements = Vector_NewOwning();
     if (!sb->elements) {
         vokt::Free(sb);
@@ -61,6 +62,7 @@ int32_t StringBag_Add(StringBag *bag, const char *text, uint32_t count) {
     VOKT_ASSERT_OR_RETURN(bag != NULL, -1);
     if (vokt::UsedAfterDestroy(bag, &kStringBagClass)) return -1;
     VOKT_ASSERT_OR_RETURN(text != NULL, -1);
+    vokt::OwnedBy mine(bag);
     Vector *v = bag->elements;
     const vokt::VectorReader read(v);
     // Newest first: recently added texts are the likeliest to come again.

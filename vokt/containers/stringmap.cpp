@@ -80,7 +80,7 @@ extern "C" {
 StringMap *StringMap_New(void) {
     auto *map = vokt::New<StringMap>(&kStringMapClass, "StringMap map");
     if (!map) return nullptr;
-    map->entries = static_cast<StringMapEntry *>(vokt::Alloc(kInitialCapacity * sizeof(StringMapEntry)));
+    map->entries = static_cast<StringMapEntry *>(vokt::AllocFor(map, kInitialCapacity * sizeof(StringMapEntry)));
     if (!map->entries) {
         vokt::Free(map);
         return nullptr;
@@ -101,6 +101,7 @@ int32_t StringMap_Set(StringMap *map, const char *key, const char *value) {
     VOKT_ASSERT_OR_RETURN(map != NULL, -1);
     if (vokt::UsedAfterDestroy(map, &kStringMapClass)) return -1;
     VOKT_ASSERT_OR_RETURN(key != NULL, -1);
+    vokt::OwnedBy mine(map);
     const uint32_t hash = KeyHash(key);
     int32_t insertAt = 0;
     const int32_t found = Find(map, key, hash, &insertAt);
@@ -169,6 +170,7 @@ void StringMap_Clear(StringMap *map) {
 int32_t StringMap_Assign(StringMap *dst, const StringMap *src) {
     VOKT_ASSERT_OR_RETURN(dst != NULL && src != NULL, -1);
     if (vokt::UsedAfterDestroy(dst, &kStringMapClass) || vokt::UsedAfterDestroy(src, &kStringMapClass)) return -1;
+    vokt::OwnedBy mine(dst);
     if (dst == src) return 0;
     StringMap_Clear(dst);
     if (src->count > dst->capacity && !Resize(dst, src->capacity)) return -2;

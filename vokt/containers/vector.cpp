@@ -83,6 +83,7 @@ Vector *NewVector(int32_t owning) {
     vec->capacity = kInitialCapacity;
     vec->growBy = kInitialCapacity;
     vec->bOwnsElements = owning;
+    vokt::OwnedBy mine(vec);
     vec->data = AllocateSlots(nullptr, kInitialCapacity);
     if (!vec->data) {
         // No message for the array: only the record's failure is reported.
@@ -118,6 +119,7 @@ int32_t Vector_SetSynchronized(Vector *v, int32_t flag) {
     VOKT_ASSERT_OR_RETURN(v != NULL, -1);
     if (vokt::UsedAfterDestroy(v, &vokt::kVectorClass.base)) return -1;
     v->bSynchronized = flag;
+    vokt::OwnedBy mine(v);
     if (flag && !v->mutex) {
         v->mutex = static_cast<Mutex *>(vokt::Alloc(sizeof(Mutex)));
         if (!v->mutex) {

@@ -23,7 +23,7 @@ extern "C" {
 MemBlock *MemBlock_New(size_t size) {
     auto *mem = vokt::New<MemBlock>(&kMemBlockClass, "MemBlock mem");
     if (!mem) return nullptr;
-    mem->data = vokt::Alloc(size);
+    mem->data = vokt::AllocFor(mem, size);
     // The half-built block (data null) is returned on purpose: the caller tests data.
     if (!mem->data && size != 0) Log_Write(0, "Failed to allocate block of %d bytes", static_cast<int>(size));
     return mem;
@@ -32,7 +32,7 @@ MemBlock *MemBlock_New(size_t size) {
 int32_t MemBlock_Resize(MemBlock *mem, size_t size) {
     VOKT_ASSERT_OR_RETURN(mem!=NULL, -1);
     if (vokt::UsedAfterDestroy(mem, &kMemBlockClass)) return -1;
-    void *data = mem->data ? vokt::Realloc(mem->data, size) : vokt::Alloc(size);
+    void *data = mem->data ? vokt::Realloc(mem->data, size) : vokt::AllocFor(mem, size);  // a record keeps its owner
     if (!data && size != 0) {
         Log_Write(0, "Failed to re-allocate block of %d bytes", static_cast<int>(size));
         return vokt::StoreError(Error_NewInternal("Memory re-allocation of size %d failed", static_cast<int>(size)));

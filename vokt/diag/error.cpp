@@ -128,6 +128,7 @@ Error *NewError(int32_t friendly, int32_t code, const char *format, va_list args
     auto *error = vokt::New<Error>(&kErrorClass, "Error error");
     if (!error) return nullptr;
     error->bStatic = 0;
+    vokt::OwnedBy mine(error);
     error->message = String_New();
     error->priority = kDefaultPriority;
     error->detail = nullptr;
@@ -244,6 +245,7 @@ Error *Error_NewNetwork(int32_t number, const char *operation) {
                               "Encountered network error: %s.  (Technical information: error %s (%d) while executing %s)",
                               text, name, number, operation);
         if (e) {
+            vokt::OwnedBy mine(e);
             e->detail = String_NewFromChars(text);
             e->systemError = number;
         }

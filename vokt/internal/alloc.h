@@ -29,6 +29,14 @@ inline void Free(void *block) {
     if (block) __atomic_load_n(&g_memory.Free, __ATOMIC_RELAXED)(block);
 }
 
+// Memory that owner keeps for itself (see OwnedBy): one test more than Alloc and Realloc
+// while no check records blocks.
+inline void *AllocFor(const void *owner, size_t size) {
+    if (Checking(kCheckLeaks | kCheckObjects)) return ReallocOwned(owner, nullptr, size);
+    return Alloc(size);
+}
+
+
 // What NewObject does when the allocation failed: logs "Unable to allocate <what>".
 [[gnu::cold]] void *NoObject(const char *what);
 

@@ -33,6 +33,31 @@ void *NewObjectRecorded(const ClassDescriptor *cls, const char *what);
 // Gives every destroyed object held back to the allocator (before the allocator changes).
 void ReleaseQuarantined();
 
+// Memory an object allocates for its own use (its text, its slots, the members it makes),
+// while one of these lives on the thread: the checks count it with its owner, and take no
+// call site of its own for it.
+const void *EnterOwner(const void *owner);  // the owner before
+void LeaveOwner(const void *before);
+class OwnedBy {
+public:
+    explicit OwnedBy(const void *owner) {
+        if (Checking(kCheckLeaks | kCheckObjects)) entered_ = true, before_ = EnterOwner(owner);
+    }
+    ~OwnedBy() {
+        if (entered_) LeaveOwner(before_);
+    }
+    OwnedBy(const OwnedBy &) = delete;
+    OwnedBy &operator=(const OwnedBy &) = delete;
+
+private:
+    bool entered_ = false;
+    const void *before_ = nullptr;
+};
+// Alloc (block null) or Realloc for owner, while a check records blocks.
+void *ReallocOwned(const void *owner, void *block, size_t size);
+// A block made for one object and taken over by another (a String adopting a text built aside).
+void Reown(const void *block, const void *owner);
+
 // Blocks allocated while one of these lives on a thread belong to the runtime for the whole
 // process (the log's and the error store's state) and are never reported as leaks.
 struct CheckThread;

@@ -39,6 +39,7 @@ inline bool AllUsable(std::initializer_list<const String *> strings) {
 inline bool Gone(const String *ps) { return UsedAfterDestroy(ps, &kStringClass); }
 // Takes over a buffer that holds exactly length + 1 bytes.
 inline void Adopt(String *ps, char *text, size_t length) {
+    if (Checking(kCheckLeaks | kCheckObjects)) Reown(text, ps);
     Free(ps->string);
     ps->string = text;
     ps->length = length;

@@ -116,6 +116,7 @@ Stream *NewStream() {
     stream->type = 0;
     stream->readLine = nullptr;
     stream->bEof = 0;
+    vokt::OwnedBy mine(stream);
     stream->lastLine = String_New();
     if (!stream->lastLine) {
         vokt::Free(stream);
@@ -144,6 +145,7 @@ Stream *Stream_NewFromString(const char *chars) {
     if (!stream) return nullptr;
     stream->type = STRING_STREAM;
     stream->readLine = ReadFromString;
+    vokt::OwnedBy mine(stream);
     stream->string = chars ? String_NewFromChars(chars) : String_New();
     stream->pos = 0;
     if (!stream->string) {

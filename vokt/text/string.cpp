@@ -43,7 +43,7 @@ inline bool HasText(const String *ps) { return ps && ps->bIsSet && ps->string; }
 // Stores an exact-fit copy of n bytes. The old text is released only after the copy
 // exists, so the source may lie inside it. On failure the String is left unset.
 int32_t SetBytes(String *ps, const char *chars, size_t n) {
-    char *text = n <= kMaxLength ? static_cast<char *>(vokt::Alloc(n + 1)) : nullptr;
+    char *text = n <= kMaxLength ? static_cast<char *>(vokt::AllocFor(ps, n + 1)) : nullptr;
     if (!text) {
         String_Clear(ps);
         return -2;
@@ -86,7 +86,7 @@ int32_t AppendFailed(String *ps) {
         return AppendOwnBytes(ps, chars, n);
     if (n > kMaxLength || ps->length > kMaxLength - n) [[unlikely]]
         return AppendFailed(ps);
-    char *text = static_cast<char *>(vokt::Realloc(old, ps->length + n + 1));
+    char *text = static_cast<char *>(vokt::Realloc(old, ps->length + n + 1));  // its record keeps its owner
     if (!text) [[unlikely]]
         return AppendFailed(ps);
     memcpy(text + ps->length, chars, n);  // the length is read again: fewer registers to keep
@@ -239,7 +239,7 @@ int32_t String_VFormat(String *s, const char *format, va_list args) {
     size_t len = 0;
     if (measured >= 0) {
         len = static_cast<size_t>(measured) + 1;
-        buf = static_cast<char *>(vokt::Alloc(len));
+        buf = static_cast<char *>(vokt::AllocFor(s, len));
         if (!buf) return -2;
         vsnprintf(buf, len, format, args);
     } else {
@@ -247,7 +247,7 @@ int32_t String_VFormat(String *s, const char *format, va_list args) {
         len = 32;
         for (;;) {
             len *= 2;
-            buf = static_cast<char *>(vokt::Alloc(len));
+            buf = static_cast<char *>(vokt::AllocFor(s, len));
             if (!buf) return -2;
             va_list attempt;
             va_copy(attempt, args);
@@ -294,7 +294,7 @@ int32_t String_AppendChar(String *s, char c) {
         if (!text) return -2;
         s->string = text;
     } else {
-        char *text = static_cast<char *>(vokt::Alloc(2));
+        char *text = static_cast<char *>(vokt::AllocFor(s, 2));
         if (!text) return -2;
         Adopt(s, text, 0);
     }

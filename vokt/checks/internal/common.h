@@ -106,6 +106,7 @@ struct CheckThread {
     int reporting;       // inside a report: the hooks stand aside
     int kept;            // depth of KeptForProcess scopes
     const ClassDescriptor *making;  // the class of the object being allocated
+    const void *owner;              // the object the thread allocates for (OwnedBy)
     uint32_t number;     // the thread's number in reports
     uintptr_t stackEnd;  // 0 until asked
     uint32_t lockEpoch;  // the switching-on of `locks` that heldCount belongs to
@@ -211,6 +212,7 @@ struct Record {
     const ClassDescriptor *cls;  // the class of an object; null for any other block
     uint32_t site;   // where it was allocated; for a destroyed object, where it was destroyed
     uint32_t flags;  // the flags above, and the generation above kGenerationShift
+    uintptr_t owner;  // the object it was allocated for; 0: none (its site says where it comes from)
 };
 // What the records say of an address.
 enum class Known { kNothing, kLive, kHeld, kGone };
