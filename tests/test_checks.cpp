@@ -222,6 +222,19 @@ TEST(Checks, ObjectsPastTheQuarantineAreToldFromTheRecords) {
     }));
 }
 
+// The quarantine's size is the program's to set, before the checks first need it.
+TEST(Checks, TheQuarantineHoldsWhatItIsToldTo) {
+    setenv("VOKT_CHECK_QUARANTINE", "1", 1);
+    if (!test::InFreshProcess()) return unsetenv("VOKT_CHECK_QUARANTINE"), void();  // with it, before any check was on
+    test::FailAllocation(0);  // the counting allocator, failing nothing
+    Runtime_SetChecks(VOKT_CHECK_OBJECTS);
+    const long blocks = test::LiveBlocks();
+    for (int i = 0; i < 60000; i++) String_Destroy(String_New());
+    EXPECT_LE(test::LiveBlocks() - blocks, (1 << 20) / static_cast<long>(sizeof(String)));
+    EXPECT_GE(test::LiveBlocks() - blocks, (1 << 20) / static_cast<long>(sizeof(String)) - 1);
+    Runtime_SetChecks(0);
+}
+
 // Not a tail call: each level keeps its frame.
 [[gnu::noinline]] String *Nest(int depth) {
     String *made = depth == 0 ? String_New() : Nest(depth - 1);

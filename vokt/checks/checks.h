@@ -2,22 +2,33 @@
 /** @file
  * (extension) Diagnostics built into the library, switched on without rebuilding: objects
  * still alive at exit by class and site, lock-order inversions and holds across waits, and
- * objects used after they were destroyed.
+ * objects used or destroyed again after they were destroyed.
  *
  * The environment variable VOKT_CHECK, read once when the library is loaded, names the
- * checks: a comma-separated list of `leaks`, `locks`, `objects`, or `all` (an unknown word is
- * reported once and ignored). Each report is one line that starts with "vokt: ", printed on
- * standard error and written to the log at level 0, once for each pair of sites:
+ * checks: a list of `leaks`, `locks`, `objects`, or `all`, separated by commas or
+ * semicolons, in any case (an unknown word is reported once and ignored). Each report is one
+ * line that starts with "vokt: ", printed on standard error and written to the log at level
+ * 0, once for each pair of sites:
  *
- * - `vokt: 3 objects and 3 blocks alive at exit: 2 String (64 bytes) from load_config+0x28 (app, app.c:25) <- main+0x32 (app, app.c:93); 2 blocks (20 bytes) from ...; 1 Vector (64 bytes) from main+0x37 (app, app.c:94); ...`
+ * - `vokt: 3 objects alive at exit: 2 String (84 bytes) from load_config+0x28 (app, app.c:27) <- main+0x32 (app, app.c:102); 1 Vector (152 bytes) from main+0x37 (app, app.c:103)`
  * - `vokt: lock order inversion: Mutex 0x562e6ec41180 then Mutex 0x562e6ec411c0 in thread 2, locked at backwards+0x1c (app, app.c:39), then at ...; the opposite order was taken in thread 1, locked at forwards+0x1c (app, app.c:30), then at ...`
  * - `vokt: wait on a Condition at f+0xae (app, app.c:67) while holding Mutex 0x562e6ec411c0, locked at f+0xa6 (app, app.c:66)`
  * - `vokt: thread 3 ended holding Mutex 0x562e6ec411c0, locked at g+0x10 (app, app.c:48)`
  * - `vokt: Mutex 0x562e6ec411c0 unlocked by a thread that does not hold it, at f+0xdd (app, app.c:72)`
- * - `vokt: String used after it was destroyed at parse_line+0x53 (app, app.c:79); used at parse_line+0x69 (app, app.c:81)`
+ * - `vokt: String used after it was destroyed at discard+0x9 (app, app.c:79); used at parse_line+0x69 (app, app.c:81)`
+ * - `vokt: String destroyed again after it was destroyed at discard+0x9 (app, app.c:79); destroyed again at main+0xb2 (app, app.c:92)`
+ * - `vokt: the checks keep 24576 call sites at the most; later ones print as an unknown site`
+ *   (each bound, once reached, is said once with what may be missed from then on)
  *
  * A site is up to 8 return addresses of the program, outside the library, each written
- * `function+0xoffset (module)`, with `, file:line` added when addr2line is installed.
+ * `function+0xoffset (module)`, with `, file:line` added when addr2line is installed. What an
+ * object allocates for itself (a String's text) is counted with the object. Objects of a
+ * program's own classes take part when made with Object_New().
+ *
+ * Two more variables: VOKT_CHECK_QUARANTINE, read when a check is first switched on, the
+ * megabytes of destroyed objects `objects` holds back (4 by default); and VOKT_CHECK_EXITCODE,
+ * read when the library is loaded, the status with which a process that reported anything
+ * exits.
  *
  * @par Example
  * @include reference/checks.c
@@ -51,12 +62,14 @@ VOKT_API void Runtime_SetChecks(uint32_t flags);
 /** (extension) The checks in force.
  * @return The VOKT_CHECK_* bits that are on. */
 VOKT_API uint32_t Runtime_GetChecks(void);
-/** (extension) Writes the leak report for what is alive now.
+/** (extension) Writes the leak report for what is alive now, every group of it (the report
+ * at exit lists the 20 largest).
  * @param out Where the report line goes; null for standard error.
  * @return The number of objects and blocks reported; -1 when `leaks` is off. */
 VOKT_API int64_t Runtime_ReportLeaks(FILE *out);
 /** (extension) Counts the live objects of a class that the `leaks` check recorded.
- * @param className The class name ("String", "Vector", ...); null counts every object.
+ * @param className The class name ("String", "Vector", "ObjectSet", ...); null counts every
+ *        object.
  * @return The count, leaving out what the runtime keeps for the whole process; -1 when
  *         `leaks` is off. */
 VOKT_API int64_t Runtime_CountLive(const char *className);
