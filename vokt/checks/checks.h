@@ -25,10 +25,13 @@
  * object allocates for itself (a String's text) is counted with the object. Objects of a
  * program's own classes take part when made with Object_New().
  *
- * Two more variables: VOKT_CHECK_QUARANTINE, read when a check is first switched on, the
- * megabytes of destroyed objects `objects` holds back (4 by default); and VOKT_CHECK_EXITCODE,
- * read when the library is loaded, the status with which a process that reported anything
- * exits.
+ * More variables: VOKT_CHECK_QUARANTINE, read when a check is first switched on, the
+ * megabytes of destroyed objects `objects` holds back (4 by default); and, read when the
+ * library is loaded, VOKT_CHECK_EXITCODE, the status with which a process that reported
+ * anything exits, and VOKT_CHECK_SUPPRESS, a file of known leaks: one `leak:NAME` a line,
+ * NAME a function or a file (`load_config`, `cache.c`) that a leak's site passes through;
+ * `#` starts a comment. Known leaks are counted in the report, not listed, and a report of
+ * known leaks alone does not count for VOKT_CHECK_EXITCODE.
  *
  * @par Example
  * @include reference/checks.c
@@ -67,6 +70,13 @@ VOKT_API uint32_t Runtime_GetChecks(void);
  * @param out Where the report line goes; null for standard error.
  * @return The number of objects and blocks reported; -1 when `leaks` is off. */
 VOKT_API int64_t Runtime_ReportLeaks(FILE *out);
+/** (extension) Marks an object that the program keeps on purpose (a singleton, a cache that
+ * lives as long as the process): the leak report leaves it out, and with it what it
+ * allocated for itself (a String's text, a Vector's slots, the members it made).
+ * @param object An object made while `leaks` or `objects` was on.
+ * @return 1 when marked; 0 when the checks have no record of it (null, made while they were
+ *         off, or not an object). Any thread. */
+VOKT_API int32_t Runtime_KeepAlive(const void *object);
 /** (extension) Counts the live objects of a class that the `leaks` check recorded.
  * @param className The class name ("String", "Vector", "ObjectSet", ...); null counts every
  *        object.

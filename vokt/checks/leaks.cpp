@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 // The leak report: live objects and blocks grouped by class and site, most numerous first.
+#include <fcntl.h>
 #include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
@@ -26,14 +27,16 @@ struct GroupTraits {
 // What is alive, gathered under the stripes' locks into the checks' own memory; then each
 // block and object made for another one is folded into the outermost owner listed (a
 // Stream and the Strings it keeps are one leak), and the rest grouped by class and site.
-struct Alive {
+struct Living {
     uintptr_t block, owner;
     const ClassDescriptor *cls;
     uint64_t bytes;  // its own, and what is folded into it
     uint32_t site;
     bool folded;
+    bool kept;     // kept for the process: it and what it owns are left out
+    bool reaches;  // kept by the program (Runtime_KeepAlive): so is what it points at
 };
-struct Where {  // an Alive by its address
+struct Where {  // a Living by its address
     uintptr_t block;
     uint32_t index;
 };
@@ -43,7 +46,7 @@ struct WhereTraits {
 };
 
 struct Tally {
-    Alive *alive = nullptr;
+    Living *alive = nullptr;
     size_t count = 0, capacity = 0;
     bool lost = false;  // no memory for all of it
     checks::Table<Where, WhereTraits> where;
@@ -53,7 +56,7 @@ struct Tally {
     Tally(const Tally &) = delete;
     Tally &operator=(const Tally &) = delete;
     ~Tally() {
-        Unmap(alive, capacity * sizeof(Alive));
+        Unmap(alive, capacity * sizeof(Living));
         Unmap(where.Slots(), where.Capacity() * sizeof(Where));
         Unmap(groups.Slots(), groups.Capacity() * sizeof(Group));
     }
@@ -61,38 +64,70 @@ struct Tally {
     void Gather(const Record &r) {
         if (count == capacity) {
             const size_t grown = capacity ? capacity * 2 : 4096;
-            auto *more = static_cast<Alive *>(MapZeroed(grown * sizeof(Alive)));
+            auto *more = static_cast<Living *>(MapZeroed(grown * sizeof(Living)));
             if (!more) return void(lost = true);
-            if (alive) memcpy(more, alive, count * sizeof(Alive));
-            Unmap(alive, capacity * sizeof(Alive));
+            if (alive) memcpy(more, alive, count * sizeof(Living));
+            Unmap(alive, capacity * sizeof(Living));
             alive = more;
             capacity = grown;
         }
-        alive[count++] = Alive{r.block, r.owner, r.cls, r.size, r.site, false};
+        alive[count++] = Living{r.block, r.owner, r.cls, r.size, r.site, false, (r.flags & (kKept | kKeptAlive)) != 0,
+                                (r.flags & kKeptAlive) != 0};
     }
 
-    const Alive *Find(uintptr_t block) const {
+    const Living *Find(uintptr_t block) const {
         const Where *w = where.Find(Mix64(block), [block](const Where &x) { return x.block == block; });
         return w ? &alive[w->index] : nullptr;
+    }
+
+    // What the kept objects reach is kept too: what they own, and what pointers in them (or
+    // in what they own) lead to, as a program's singleton holds its members. Their memory is
+    // read here: the program keeps it alive, having said so.
+    void Reach() {
+        const size_t bytes = count * sizeof(size_t) + 1;
+        auto *queue = static_cast<size_t *>(MapZeroed(bytes));
+        if (!queue) return;
+        size_t head = 0, tail = 0;
+        for (size_t i = 0; i < count; i++)
+            if (alive[i].reaches) queue[tail++] = i;
+        for (bool grew = true; grew;) {
+            while (head < tail) {
+                const Living &k = alive[queue[head++]];
+                for (uint64_t at = 0; at + sizeof(uintptr_t) <= k.bytes; at += sizeof(uintptr_t)) {
+                    uintptr_t word;
+                    // NOLINTNEXTLINE(performance-no-int-to-ptr): a kept object's memory, read where it lies
+                    memcpy(&word, reinterpret_cast<const char *>(k.block) + at, sizeof word);
+                    auto *to = const_cast<Living *>(Find(word));
+                    if (to && !to->reaches) to->kept = to->reaches = true, queue[tail++] = static_cast<size_t>(to - alive);
+                }
+            }
+            grew = false;
+            for (size_t i = 0; i < count; i++) {
+                const Living *owner = alive[i].owner ? Find(alive[i].owner) : nullptr;
+                if (!alive[i].reaches && owner && owner->reaches) alive[i].kept = alive[i].reaches = grew = true, queue[tail++] = i;
+            }
+        }
+        Unmap(queue, bytes);
     }
 
     void Fold() {
         for (size_t i = 0; i < count; i++)
             if (MakeRoom(where)) *where.Claim(Mix64(alive[i].block)) = Where{alive[i].block, static_cast<uint32_t>(i)};
+        Reach();
         for (size_t i = 0; i < count; i++) {
-            Alive *root = &alive[i];
+            Living *root = &alive[i];
             for (int depth = 0; depth < 16 && root->owner; depth++) {  // an owner of an owner...
-                const Alive *owner = Find(root->owner);
+                const Living *owner = Find(root->owner);
                 if (!owner || owner == root) break;
-                root = const_cast<Alive *>(owner);
+                root = const_cast<Living *>(owner);
             }
             if (root == &alive[i]) continue;
             root->bytes += alive[i].bytes;
             alive[i].folded = true;
         }
         for (size_t i = 0; i < count; i++) {
-            const Alive &a = alive[i];
-            if (a.folded) continue;
+            const Living &a = alive[i];
+            if (a.folded || a.kept) continue;
             const bool orphan = a.owner != 0;
             const Group key{a.cls, a.site, orphan, 1, 0};
             const uint64_t hash = GroupTraits::Hash(key);
@@ -105,6 +140,37 @@ struct Tally {
         }
     }
 };
+
+// The suppressions: names, each ending with a zero byte, one after the other.
+constexpr size_t kSuppressionRoom = 1u << 16;
+char *g_suppressed = nullptr;
+size_t g_suppressedUsed = 0;
+
+// Whether one frame's text ("f+0x2f (app, app.c:12)") names a suppressed function or file.
+bool Suppressed(const char *frame) {
+    const size_t function = strcspn(frame, "+ (");
+    const char *open = strchr(frame, '(');
+    const char *comma = open ? strstr(open, ", ") : nullptr;
+    const char *file = comma ? comma + 2 : nullptr;
+    const size_t fileLength = file ? strcspn(file, ":)") : 0;
+    for (size_t at = 0; at < g_suppressedUsed; at += strlen(g_suppressed + at) + 1) {
+        const char *name = g_suppressed + at;
+        const size_t n = strlen(name);
+        if ((n == function && strncmp(frame, name, n) == 0) || (file && n == fileLength && strncmp(file, name, n) == 0))
+            return true;
+    }
+    return false;
+}
+
+bool Suppressed(uint32_t site) {
+    const Frames frames = FramesOf(site);
+    for (uint32_t i = 0; i < frames.count; i++) {
+        char frame[1200];
+        FormatFrame(frames.pc[i], frame, sizeof frame);
+        if (Suppressed(frame)) return true;
+    }
+    return false;
+}
 
 // Most numerous first, objects before blocks; the empty slots last.
 int ByCount(const void *a, const void *b) {
@@ -121,41 +187,87 @@ int ByCount(const void *a, const void *b) {
 int64_t WriteLeaks(FILE *out, const char *when, bool every) {
     Tally t;
     EachRecord(+[](const Record &r, void *tally) {
-        if (Reported(r)) static_cast<Tally *>(tally)->Gather(r);
+        if (Alive(r)) static_cast<Tally *>(tally)->Gather(r);  // the kept too: they own what they keep
     }, &t);
     t.Fold();
     if (t.groups.Count() == 0) return 0;
-    qsort(t.groups.Slots(), t.groups.Capacity(), sizeof(Group), ByCount);  // the table is done with
-    const size_t shown = every ? t.groups.Count() : 20;
+    Group *groups = t.groups.Slots();
+    qsort(groups, t.groups.Capacity(), sizeof(Group), ByCount);  // the table is done with
+    // Known leaks (VOKT_CHECK_SUPPRESS) are counted apart and not listed.
+    uint64_t known[2] = {0, 0};  // objects, blocks
+    size_t listed = 0;
+    for (size_t i = 0; i < t.groups.Count(); i++) {
+        if (g_suppressedUsed && !groups[i].orphan && Suppressed(groups[i].site))
+            known[groups[i].cls ? 0 : 1] += groups[i].count;
+        else
+            groups[listed++] = groups[i];
+    }
+    const uint64_t objects = t.objects - known[0], blocks = t.blocks - known[1];
+    const size_t shown = every || listed < 20 ? listed : 20;
     // Every frame the report prints, found at once.
-    const size_t most = shown < t.groups.Count() ? shown : t.groups.Count();
-    if (auto *pcs = static_cast<void **>(MapZeroed(most * 8 * sizeof(void *) + 1))) {
+    if (auto *pcs = static_cast<void **>(MapZeroed(shown * 8 * sizeof(void *) + 1))) {
         size_t n = 0;
-        for (size_t i = 0; i < most; i++) {
-            const Frames frames = FramesOf(t.groups.Slots()[i].site);
+        for (size_t i = 0; i < shown; i++) {
+            const Frames frames = FramesOf(groups[i].site);
             for (uint32_t k = 0; k < frames.count && k < 8; k++) pcs[n++] = frames.pc[k];
         }
         ResolveFrames(pcs, n);
-        Unmap(pcs, most * 8 * sizeof(void *) + 1);
+        Unmap(pcs, shown * 8 * sizeof(void *) + 1);
     }
     Line line(4096 * (shown + 1));
-    line.Add("%llu object%s", static_cast<unsigned long long>(t.objects), t.objects == 1 ? "" : "s");
-    if (t.blocks) line.Add(" and %llu block%s", static_cast<unsigned long long>(t.blocks), t.blocks == 1 ? "" : "s");
+    line.Add("%llu object%s", static_cast<unsigned long long>(objects), objects == 1 ? "" : "s");
+    if (blocks) line.Add(" and %llu block%s", static_cast<unsigned long long>(blocks), blocks == 1 ? "" : "s");
     line.Add(" alive %s", when);
     // A parent and its forked child both report at their exits: the child's names its process.
     if (!every && InForkedChild()) line.Add(" of process %d", static_cast<int>(getpid()));
-    line.Add(":");
-    const Group *groups = t.groups.Slots();
-    for (size_t i = 0; i < t.groups.Count() && i < shown; i++) {
+    line.Add(listed ? ":" : "");
+    for (size_t i = 0; i < shown; i++) {
         const Group &g = groups[i];
         const char *name = g.cls ? ShownName(g.cls) : (g.count == 1 ? "block" : "blocks");
         line.Add("%s %llu %s (%llu bytes) ", i ? ";" : "", static_cast<unsigned long long>(g.count), name,
                  static_cast<unsigned long long>(g.bytes));
         g.orphan ? line.Add("held by objects this report does not list") : line.Add("from ").AddSite(g.site);
     }
-    if (t.groups.Count() > shown) line.Add("; and %zu more groups", t.groups.Count() - shown);
-    out ? line.Print(out) : line.Send();
-    return static_cast<int64_t>(t.objects + t.blocks);
+    if (listed > shown) line.Add("; and %zu more groups", listed - shown);
+    if (known[0] || known[1])
+        line.Add("%s %llu object%s and %llu block%s known (VOKT_CHECK_SUPPRESS)", listed ? ";" : ",",
+                 static_cast<unsigned long long>(known[0]), known[0] == 1 ? "" : "s",
+                 static_cast<unsigned long long>(known[1]), known[1] == 1 ? "" : "s");
+    out ? line.Print(out) : line.Send(listed > 0);  // known leaks alone fail nothing
+    return static_cast<int64_t>(objects + blocks);
+}
+
+void LoadSuppressions(const char *path) {
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    char *text = static_cast<char *>(MapZeroed(kSuppressionRoom));
+    if (fd < 0 || !text) {
+        Line(600).Add("VOKT_CHECK_SUPPRESS: cannot read \"%.400s\"; nothing is suppressed", path).Send();
+        if (fd >= 0) close(fd);
+        return Unmap(text, kSuppressionRoom);
+    }
+    size_t used = 0;
+    for (ssize_t n; used < kSuppressionRoom - 1 && (n = read(fd, text + used, kSuppressionRoom - 1 - used)) > 0;)
+        used += static_cast<size_t>(n);
+    close(fd);
+    g_suppressed = static_cast<char *>(MapZeroed(kSuppressionRoom));
+    if (!g_suppressed) return Unmap(text, kSuppressionRoom);
+    for (char *line = text; line < text + used;) {
+        char *end = strchr(line, '\n');
+        if (end) *end = '\0';
+        line[strcspn(line, "#")] = '\0';  // a comment
+        char *word = line + strspn(line, " \t");
+        size_t length = strlen(word);
+        while (length > 0 && (word[length - 1] == ' ' || word[length - 1] == '\t' || word[length - 1] == '\r')) length--;
+        if (length > 5 && strncmp(word, "leak:", 5) == 0) {
+            memcpy(g_suppressed + g_suppressedUsed, word + 5, length - 5);
+            g_suppressedUsed += length - 5 + 1;
+        } else if (length > 0) {
+            Line(600).Add("VOKT_CHECK_SUPPRESS: \"%.*s\" is not leak:NAME; ignored", static_cast<int>(length > 200 ? 200 : length), word).Send();
+        }
+        if (!end) break;
+        line = end + 1;
+    }
+    Unmap(text, kSuppressionRoom);
 }
 
 }  // namespace vokt
@@ -166,6 +278,8 @@ int64_t Runtime_ReportLeaks(FILE *out) {
     if (!vokt::Checking(vokt::kCheckLeaks)) return -1;
     return vokt::WriteLeaks(out ? out : stderr, "now", true);
 }
+
+int32_t Runtime_KeepAlive(const void *object) { return object && vokt::KeepAlive(object) ? 1 : 0; }
 
 int64_t Runtime_CountLive(const char *className) {
     if (!vokt::Checking(vokt::kCheckLeaks)) return -1;

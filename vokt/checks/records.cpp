@@ -166,9 +166,20 @@ void EachRecord(void (*visit)(const Record &, void *), void *context) {
     }
 }
 
-bool Reported(const Record &r) {
+bool Alive(const Record &r) {
     const uint32_t generation = __atomic_load_n(&g_generation, __ATOMIC_RELAXED) & (~0u >> kGenerationShift);
-    return !(r.flags & (kKept | kQuarantined | kGone)) && r.flags >> kGenerationShift == generation;
+    return !(r.flags & (kQuarantined | kGone)) && r.flags >> kGenerationShift == generation;
+}
+
+bool Reported(const Record &r) { return Alive(r) && !(r.flags & (kKept | kKeptAlive)); }
+
+bool KeepAlive(const void *object) {
+    Stripe &s = StripeOf(reinterpret_cast<uintptr_t>(object));
+    SpinGuard guard(s.lock);
+    Record *found = FindLocked(s, reinterpret_cast<uintptr_t>(object));
+    if (!found || !found->cls) return false;
+    found->flags |= kKeptAlive;
+    return true;
 }
 
 // Once installed the recorders stay: a block recorded must be found again when it goes,

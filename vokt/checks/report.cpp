@@ -63,8 +63,8 @@ Line &Line::AddSite(uint32_t site) {
 uint64_t g_reportsMade = 0;
 uint64_t ReportsMade() { return __atomic_load_n(&g_reportsMade, __ATOMIC_RELAXED); }
 
-void Line::Send() {
-    __atomic_add_fetch(&g_reportsMade, 1, __ATOMIC_RELAXED);
+void Line::Send(bool counts) {
+    if (counts) __atomic_add_fetch(&g_reportsMade, 1, __ATOMIC_RELAXED);
     CheckThread *me = Me();
     me->reporting++;
     fprintf(stderr, "%s\n", text_);

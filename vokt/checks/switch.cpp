@@ -72,6 +72,8 @@ int g_exitCode = -1;
     const char *text = getenv("VOKT_CHECK");  // NOLINT(concurrency-mt-unsafe): read once at load
     const char *code = getenv("VOKT_CHECK_EXITCODE");  // NOLINT(concurrency-mt-unsafe): read once at load
     if (code && code[0] != '\0') g_exitCode = atoi(code);  // NOLINT(cert-err34-c): a number or nothing
+    const char *suppressions = getenv("VOKT_CHECK_SUPPRESS");  // NOLINT(concurrency-mt-unsafe): read once at load
+    if (suppressions && suppressions[0] != '\0') LoadSuppressions(suppressions);
     if (text && text[0] != '\0') SetChecks(ParseChecks(text));
 }
 

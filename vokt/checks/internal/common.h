@@ -157,8 +157,9 @@ public:
     // A site: "f+0x2f (app) <- main+0x11 (app)", or "an unknown site".
     Line &AddSite(uint32_t site);
     // On standard error and in the log at level 0; the calling thread's hooks stand aside
-    // meanwhile (the log locks and allocates).
-    void Send();
+    // meanwhile (the log locks and allocates). A line that only informs does not count
+    // among the reports made (VOKT_CHECK_EXITCODE).
+    void Send(bool counts = true);
     // To out only.
     void Print(FILE *out);
 
@@ -204,6 +205,7 @@ enum : uint32_t {
     kQuarantined = 2,  // a destroyed object held back
     kGone = 4,         // a destroyed object given back to the allocator: its tombstone
     kReused = 8,       // the address held a destroyed object before this one
+    kKeptAlive = 16,   // kept by the program (Runtime_KeepAlive), with what it reaches
     kGenerationShift = 8,
 };
 struct Record {
@@ -227,9 +229,13 @@ Known Examine(uintptr_t block, Record *out);
 bool Bury(uintptr_t block, Record *out);
 // Calls visit on every record, each under its table's lock.
 void EachRecord(void (*visit)(const Record &, void *), void *context);
-// True for a record that the leak report counts: made by this process, and neither kept for
-// the process nor destroyed.
+// True for a record of something alive that this process made (not a forked child's
+// inheritance, nor a destroyed object).
+bool Alive(const Record &r);
+// True for a record that the leak report counts: alive, and not kept for the process.
 bool Reported(const Record &r);
+// Marks a recorded object as kept for the process; false when there is none.
+bool KeepAlive(const void *object);
 // Puts the recorders in front of the program's allocator, for good.
 void InstallRecorders();
 void RecordsFork(bool take, bool inChild);
@@ -239,6 +245,9 @@ bool InForkedChild();
 // out is null; every group, or the 20 most numerous. The number of objects and blocks
 // reported, or -1.
 int64_t WriteLeaks(FILE *out, const char *when, bool every);
+// Reads the suppressions of VOKT_CHECK_SUPPRESS: lines "leak:NAME", NAME a function or a file
+// whose leaks are known (# starts a comment).
+void LoadSuppressions(const char *path);
 
 // ---- Destroyed objects (quarantine.cpp)
 
