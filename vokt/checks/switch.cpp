@@ -90,23 +90,24 @@ int g_exitCode = -1;
 
 }  // namespace
 
-// The checks' locks are taken last, after the runtime's Mutexes, and each alone (none is
-// taken while another is held), so any fixed order serves.
+// The checks' locks are taken last, after the runtime's Mutexes. One is taken inside
+// another: a site is captured under a record stripe's lock (the site of a destruction), so
+// the stripes come before the sites' lock; the others are each taken alone.
 void ChecksForkPrepare() {
+    RecordsFork(true, false);
     SitesFork(true);
     ReportFork(true);
     FramesFork(true);
     QuarantineFork(true);
-    RecordsFork(true, false);
     LockOrderFork(true);
 }
 void ChecksForkRelease(bool inChild) {
     LockOrderFork(false);
-    RecordsFork(false, inChild);
     QuarantineFork(false);
     FramesFork(false);
     ReportFork(false);
     SitesFork(false);
+    RecordsFork(false, inChild);
 }
 
 }  // namespace vokt
