@@ -14,7 +14,7 @@
  * - `vokt: lock order inversion: Mutex 0x562e6ec41180 then Mutex 0x562e6ec411c0 in thread 2, locked at backwards+0x1c (app, app.c:39), then at ...; the opposite order was taken in thread 1, locked at forwards+0x1c (app, app.c:30), then at ...`
  * - `vokt: wait on a Condition at f+0xae (app, app.c:67) while holding Mutex 0x562e6ec411c0, locked at f+0xa6 (app, app.c:66)`
  * - `vokt: thread 3 ended holding Mutex 0x562e6ec411c0, locked at g+0x10 (app, app.c:48)`
- * - `vokt: Mutex 0x562e6ec411c0 unlocked by a thread that does not hold it, at f+0xdd (app, app.c:72)`
+ * - `vokt: Mutex 0x562e6ec411c0 unlocked by a thread that does not hold it, at f+0xdd (app, app.c:72); thread 3 holds it, locked at g+0x10 (app, app.c:48)`
  * - `vokt: String used after it was destroyed at discard+0x9 (app, app.c:79); used at parse_line+0x69 (app, app.c:81)`
  * - `vokt: String destroyed again after it was destroyed at discard+0x9 (app, app.c:79); destroyed again at main+0xb2 (app, app.c:92)`
  * - `vokt: the checks keep 24576 call sites at the most; later ones print as an unknown site`

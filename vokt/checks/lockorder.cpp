@@ -48,6 +48,13 @@ SpinLock g_graphLock;
 // and the Mutex's address; and the search's queue, with room for every node.
 uint32_t *g_firstEdge = nullptr;
 uint32_t *g_queue = nullptr;
+// By node: the thread holding it and where it locked it (thread << 32 | site, kEnded when
+// that thread has ended; 0: nobody the check saw), for the report of an unlock by another
+// thread.
+constexpr uint64_t kEnded = 1ull << 63;
+uint64_t *g_holder = nullptr;
+
+void SetHolder(uint32_t node, uint64_t holder) { __atomic_store_n(&g_holder[node], holder, __ATOMIC_RELAXED); }
 uint32_t *g_visited = nullptr;
 uint32_t *g_parentEdge = nullptr;
 uintptr_t *g_nodeMutex = nullptr;
@@ -217,7 +224,8 @@ bool LockOrderPrepare() {
     if (Ready()) return true;
     if (!MapArray(g_nodeSlots, kMutexSlots) || !MapArray(g_edgeSlots, kOrderSlots) ||
         !MapArray(g_firstEdge, kMutexSlots) || !MapArray(g_visited, kMutexSlots) ||
-        !MapArray(g_parentEdge, kMutexSlots) || !MapArray(g_nodeMutex, kMutexSlots) || !MapArray(g_queue, kMutexSlots))
+        !MapArray(g_parentEdge, kMutexSlots) || !MapArray(g_nodeMutex, kMutexSlots) || !MapArray(g_queue, kMutexSlots) ||
+        !MapArray(g_holder, kMutexSlots))
         return false;
     g_nodes.Attach(g_nodeSlots, kMutexSlots);
     g_edges.Attach(g_edgeSlots, kOrderSlots);
@@ -231,6 +239,7 @@ void LocksAtThreadEnd(CheckThread *me) {
     if (!Checking(kCheckLocks) || me->lockEpoch != __atomic_load_n(&g_lockEpoch, __ATOMIC_RELAXED)) return;
     for (int i = 0; i < me->heldCount; i++) {
         const Taken &held = me->held[i];
+        SetHolder(held.node, kEnded | __atomic_load_n(&g_holder[held.node], __ATOMIC_RELAXED));
         if (!FirstTime(kEndedHolding, held.site, 0)) continue;
         Line line(4400);
         line.Add("thread %u ended holding Mutex %p, locked at ", ThreadNumber(), static_cast<void *>(held.mutex));
@@ -252,6 +261,7 @@ void LockTaken(Mutex *m) {
     if (node == 0) return;
     const uint32_t site = CaptureSite();
     for (int i = 0; i < me->heldCount; i++) Order(held[i], m, node, site);
+    SetHolder(node, static_cast<uint64_t>(ThreadNumber()) << 32 | site);
     if (me->heldCount < kHeldKept)
         held[me->heldCount++] = Taken{m, node, site, 1};
     else
@@ -265,6 +275,7 @@ void UnlockSeen(Mutex *m) {
     for (int i = me->heldCount; i-- > 0;) {
         if (held[i].mutex != m) continue;
         if (--held[i].depth == 0) {
+            SetHolder(held[i].node, 0);
             for (int j = i + 1; j < me->heldCount; j++) held[j - 1] = held[j];  // most often none: the last taken goes first
             me->heldCount--;
         }
@@ -278,8 +289,16 @@ void UnlockSeen(Mutex *m) {
     }
     const uint32_t site = CaptureSite();
     if (!FirstTime(kForeignUnlock, site, 0)) return;
-    Line line(4400);
-    line.Add("Mutex %p unlocked by a thread that does not hold it, at ", static_cast<void *>(m)).AddSite(site).Send();
+    const auto key = reinterpret_cast<uintptr_t>(m);
+    const NodeSlot *known = g_nodes.Find(Mix64(key), [key](const NodeSlot &s) { return SameMutex(s, key); });
+    const uint64_t holder = known ? __atomic_load_n(&g_holder[__atomic_load_n(&known->node, __ATOMIC_RELAXED)], __ATOMIC_RELAXED) : 0;
+    Line line(8800);
+    line.Add("Mutex %p unlocked by a thread that does not hold it, at ", static_cast<void *>(m)).AddSite(site);
+    if (holder)
+        line.Add("; thread %u %s it, locked at ", static_cast<uint32_t>((holder & ~kEnded) >> 32),
+                 holder & kEnded ? "ended holding" : "holds")
+            .AddSite(static_cast<uint32_t>(holder));
+    line.Send();
 }
 
 void MutexMade(Mutex *m) {
