@@ -2,6 +2,8 @@
 /* Mistakes made on purpose, one kind per run, for the library's checks to find: run as
  * "planted leaks|locks|objects". Whatever should be found is printed on standard output
  * first, so that the test can match the reports against it. */
+#define _GNU_SOURCE /* pthread_setname_np: the reports name threads by their names */
+#include <pthread.h>
 #include <stdio.h>
 #include <string.h>
 
@@ -29,6 +31,7 @@ __attribute__((noinline)) void load_config(String **out) {
 
 void *forwards(void *unused) {
     (void)unused;
+    pthread_setname_np(pthread_self(), "forwards");
     Mutex_Lock(&a);
     Mutex_Lock(&b);
     Mutex_Unlock(&b);
@@ -38,6 +41,7 @@ void *forwards(void *unused) {
 
 void *backwards(void *unused) {
     (void)unused;
+    pthread_setname_np(pthread_self(), "backwards");
     Mutex_Lock(&b);
     Mutex_Lock(&a);
     Mutex_Unlock(&a);
@@ -47,6 +51,7 @@ void *backwards(void *unused) {
 
 void *keeps_a(void *unused) {
     (void)unused;
+    pthread_setname_np(pthread_self(), "keeps a");
     Mutex_Lock(&a);
     return NULL;
 }

@@ -11,17 +11,18 @@
  * 0, once for each pair of sites:
  *
  * - `vokt: 3 objects alive at exit: 2 String (84 bytes) from load_config+0x28 (app, app.c:27) <- main+0x32 (app, app.c:102); 1 Vector (152 bytes) from main+0x37 (app, app.c:103)`
- * - `vokt: lock order inversion: Mutex 0x562e6ec41180 then Mutex 0x562e6ec411c0 in thread 2, locked at backwards+0x1c (app, app.c:39), then at ...; the opposite order was taken in thread 1, locked at forwards+0x1c (app, app.c:30), then at ...`
+ * - `vokt: lock order inversion: Mutex 0x562e6ec41180 then Mutex 0x562e6ec411c0 in thread 2 (18336 "backwards"), locked at backwards+0x1c (app, app.c:39), then at ...; the opposite order was taken in thread 1 (18335 "forwards"), locked at forwards+0x1c (app, app.c:30), then at ...`
  * - `vokt: wait on a Condition at f+0xae (app, app.c:67) while holding Mutex 0x562e6ec411c0, locked at f+0xa6 (app, app.c:66)`
- * - `vokt: thread 3 ended holding Mutex 0x562e6ec411c0, locked at g+0x10 (app, app.c:48)`
- * - `vokt: Mutex 0x562e6ec411c0 unlocked by a thread that does not hold it, at f+0xdd (app, app.c:72); thread 3 holds it, locked at g+0x10 (app, app.c:48)`
+ * - `vokt: thread 3 (18343 "worker") ended holding Mutex 0x562e6ec411c0, locked at g+0x10 (app, app.c:48)`
+ * - `vokt: Mutex 0x562e6ec411c0 unlocked by a thread that does not hold it, at f+0xdd (app, app.c:72); thread 3 (18343 "worker") holds it, locked at g+0x10 (app, app.c:48)`
  * - `vokt: String used after it was destroyed at discard+0x9 (app, app.c:79); used at parse_line+0x69 (app, app.c:81)`
  * - `vokt: String destroyed again after it was destroyed at discard+0x9 (app, app.c:79); destroyed again at main+0xb2 (app, app.c:92)`
  * - `vokt: the checks keep 24576 call sites at the most; later ones print as an unknown site`
  *   (each bound, once reached, is said once with what may be missed from then on)
  *
  * A site is up to 8 return addresses of the program, outside the library, each written
- * `function+0xoffset (module)`, with `, file:line` added when addr2line is installed. What an
+ * `function+0xoffset (module)`, with `, file:line` added when addr2line is installed; a
+ * thread by its number in the checks, its system identifier and its name. What an
  * object allocates for itself (a String's text) is counted with the object. Objects of a
  * program's own classes take part when made with Object_New().
  *

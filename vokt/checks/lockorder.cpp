@@ -167,7 +167,7 @@ Mutex *MutexOf(uint32_t node) { return reinterpret_cast<Mutex *>(g_nodeMutex[nod
 // "Mutex 0x.. then Mutex 0x.. in thread n, locked at <site>, then at <site>"
 void AddStep(Line &line, const void *first, const void *second, uint32_t thread, uint32_t firstSite,
              uint32_t secondSite) {
-    line.Add("Mutex %p then Mutex %p in thread %u, locked at ", first, second, thread).AddSite(firstSite);
+    line.Add("Mutex %p then Mutex %p in ", first, second).AddThread(thread).Add(", locked at ").AddSite(firstSite);
     line.Add(", then at ").AddSite(secondSite);
 }
 
@@ -178,7 +178,7 @@ void ReportInversion(const Taken &before, Mutex *after, uint32_t afterSite, cons
     AddStep(line, before.mutex, after, ThreadNumber(), before.site, afterSite);
     if (opposite.length == 1) {
         const Edge &e = opposite.steps[0];
-        line.Add("; the opposite order was taken in thread %u, locked at ", e.thread).AddSite(e.fromSite);
+        line.Add("; the opposite order was taken in ").AddThread(e.thread).Add(", locked at ").AddSite(e.fromSite);
         line.Add(", then at ").AddSite(e.toSite);
     } else {
         line.Add("; the opposite order was taken in %d steps", opposite.length);
@@ -207,6 +207,7 @@ void Order(const Taken &before, Mutex *after, uint32_t node, uint32_t site) {
             edge->fromSite = before.site;
             edge->toSite = site;
             edge->thread = ThreadNumber();
+            NoteThread();  // its name as it is now, for reports made when it has ended
             edge->next = g_firstEdge[before.node];
             g_firstEdge[before.node] = static_cast<uint32_t>(edge - g_edgeSlots) + 1;
             __atomic_store_n(&edge->key, key, __ATOMIC_RELEASE);
@@ -242,7 +243,8 @@ void LocksAtThreadEnd(CheckThread *me) {
         SetHolder(held.node, kEnded | __atomic_load_n(&g_holder[held.node], __ATOMIC_RELAXED));
         if (!FirstTime(kEndedHolding, held.site, 0)) continue;
         Line line(4400);
-        line.Add("thread %u ended holding Mutex %p, locked at ", ThreadNumber(), static_cast<void *>(held.mutex));
+        NoteThread();  // its name as it ends
+        line.AddThread(ThreadNumber()).Add(" ended holding Mutex %p, locked at ", static_cast<void *>(held.mutex));
         line.AddSite(held.site).Send();
     }
     me->heldCount = 0;
@@ -295,9 +297,8 @@ void UnlockSeen(Mutex *m) {
     Line line(8800);
     line.Add("Mutex %p unlocked by a thread that does not hold it, at ", static_cast<void *>(m)).AddSite(site);
     if (holder)
-        line.Add("; thread %u %s it, locked at ", static_cast<uint32_t>((holder & ~kEnded) >> 32),
-                 holder & kEnded ? "ended holding" : "holds")
-            .AddSite(static_cast<uint32_t>(holder));
+        line.Add("; ").AddThread(static_cast<uint32_t>((holder & ~kEnded) >> 32));
+    if (holder) line.Add(" %s it, locked at ", holder & kEnded ? "ended holding" : "holds").AddSite(static_cast<uint32_t>(holder));
     line.Send();
 }
 

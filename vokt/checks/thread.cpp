@@ -2,6 +2,8 @@
 // Each thread's part of the checks: made on the thread's first need, in the checks' own
 // memory, and released when the thread ends.
 #include <pthread.h>
+#include <string.h>
+#include <unistd.h>
 
 #include "vokt/checks/internal/common.h"
 
@@ -37,10 +39,41 @@ CheckThread *MakeCheckThread() {
     return me;
 }
 
+// Each numbered thread's system identifier and name, by number, for the first kNamed.
+constexpr uint32_t kNamed = 1u << 16;
+struct Named {
+    int tid;
+    char name[16];
+};
+Named *g_named = nullptr;
+SpinLock g_namedLock;
+
 uint32_t ThreadNumber() {
     CheckThread *me = Me();
-    if (me->number == 0) me->number = __atomic_add_fetch(&g_threadCount, 1, __ATOMIC_RELAXED);
+    if (me->number == 0) {
+        me->number = __atomic_add_fetch(&g_threadCount, 1, __ATOMIC_RELAXED);
+        NoteThread();
+    }
     return me->number;
+}
+
+void NoteThread() {
+    const uint32_t number = ThreadNumber();
+    Named now{static_cast<int>(gettid()), ""};
+    pthread_getname_np(pthread_self(), now.name, sizeof now.name);
+    SpinGuard guard(g_namedLock);
+    if (number < kNamed && MapArray(g_named, kNamed)) g_named[number] = now;
+}
+
+Line &Line::AddThread(uint32_t number) {
+    Named named{};
+    {
+        SpinGuard guard(g_namedLock);
+        if (g_named && number < kNamed) named = g_named[number];
+    }
+    Add("thread %u", number);
+    if (named.tid == 0) return *this;
+    return named.name[0] ? Add(" (%d \"%s\")", named.tid, named.name) : Add(" (%d)", named.tid);
 }
 
 KeptForProcess::KeptForProcess() {

@@ -121,6 +121,9 @@ inline CheckThread *Me() { return t_checkThread ? t_checkThread : MakeCheckThrea
 inline bool Reporting() { return Me()->reporting != 0; }
 // Small numbers for threads, in the order the checks first meet them.
 uint32_t ThreadNumber();
+// Notes the calling thread's system identifier and name (pthread_setname_np), for reports
+// that name it, perhaps after it has ended.
+void NoteThread();
 
 // ---- Call sites (sites.cpp, frames.cpp)
 
@@ -156,6 +159,8 @@ public:
     [[gnu::format(printf, 2, 3)]] Line &Add(const char *format, ...);
     // A site: "f+0x2f (app) <- main+0x11 (app)", or "an unknown site".
     Line &AddSite(uint32_t site);
+    // A thread: "thread 2 (12345 \"worker\")", its number, system identifier and name.
+    Line &AddThread(uint32_t number);
     // On standard error and in the log at level 0; the calling thread's hooks stand aside
     // meanwhile (the log locks and allocates). A line that only informs does not count
     // among the reports made (VOKT_CHECK_EXITCODE).
