@@ -250,8 +250,6 @@ void ResolveFrames(void *const *pcs, size_t n) {
             w.module = nullptr;
             Keep(pc[b->index[k]], text);
         }
-        first--;  // the first frame of this module may lead further ones left by the batch's bound
-        while (first + 1 < count && !where[first + 1].module) first++;
     }
     Unmap(b, bytes);
 }
