@@ -50,22 +50,25 @@ struct Where {
     const char *module;  // the file, the program's own read from /proc/self/exe
     uintptr_t address;   // in the file: of the call, one byte before the return address
 };
-char g_programPath[4096];
 
 bool Locate(void *pc, Where *w) {
     void *entry = nullptr;
     w->info = Dl_info{};
-    if (!dladdr1(pc, &w->info, &entry, RTLD_DL_SYMENT) || !w->info.dli_fname) return false;
+    const auto at = reinterpret_cast<uintptr_t>(pc);
+    if (!dladdr1(pc, &w->info, &entry, RTLD_DL_SYMENT) || !w->info.dli_fname) {
+        // A static program: the dynamic linker knows nothing of it.
+        uintptr_t bias = 0;
+        if (!ProgramBias(pc, &bias)) return false;
+        w->info = Dl_info{};
+        w->info.dli_fbase = reinterpret_cast<void *>(bias);  // NOLINT(performance-no-int-to-ptr): an address, read as one
+        w->symbol = nullptr;
+        w->module = ProgramPath();
+        w->address = at - bias - 1;
+        return true;
+    }
     w->symbol = static_cast<const ElfW(Sym) *>(entry);
     w->module = w->info.dli_fname;
-    if (w->module[0] == '\0' || strcmp(w->module, program_invocation_name) == 0) {  // the program itself
-        if (!g_programPath[0]) {
-            const ssize_t n = readlink("/proc/self/exe", g_programPath, sizeof g_programPath - 1);
-            g_programPath[n > 0 ? n : 0] = '\0';
-        }
-        w->module = g_programPath;
-    }
-    const auto at = reinterpret_cast<uintptr_t>(pc);
+    if (w->module[0] == '\0' || strcmp(w->module, program_invocation_name) == 0) w->module = ProgramPath();
     const auto load = reinterpret_cast<uintptr_t>(w->info.dli_fbase);
     // A position-independent module is read at its offset, a fixed one at its address.
     const bool shared = static_cast<const ElfW(Ehdr) *>(w->info.dli_fbase)->e_type == ET_DYN;
@@ -141,6 +144,12 @@ void Compose(void *pc, Where &w, bool asked, const char *function, const char *p
     if (!name && asked && function[0] && strcmp(function, "??") != 0) {
         name = function;
         offset = 0;
+    }
+    char symbol[512];
+    uintptr_t symbolOffset = 0;
+    if (!name && SymbolAt(reinterpret_cast<void *>(at - 1), false, symbol, sizeof symbol, &symbolOffset)) {  // NOLINT(performance-no-int-to-ptr)
+        name = symbol;
+        offset = symbolOffset + 1;
     }
     char head[640];
     if (name && offset)

@@ -55,6 +55,8 @@ constexpr uint64_t kEnded = 1ull << 63;
 uint64_t *g_holder = nullptr;
 
 void SetHolder(uint32_t node, uint64_t holder) { __atomic_store_n(&g_holder[node], holder, __ATOMIC_RELAXED); }
+// By node: the site of its first lock, which names a Mutex that no variable does.
+uint32_t *g_firstSite = nullptr;
 uint32_t *g_visited = nullptr;
 uint32_t *g_parentEdge = nullptr;
 uintptr_t *g_nodeMutex = nullptr;
@@ -162,20 +164,39 @@ bool PathLocked(uint32_t from, uint32_t to, Path *path) {
     return false;
 }
 
-Mutex *MutexOf(uint32_t node) { return reinterpret_cast<Mutex *>(g_nodeMutex[node]); }  // NOLINT(performance-no-int-to-ptr): printed only
+const void *MutexOf(uint32_t node) { return reinterpret_cast<const void *>(g_nodeMutex[node]); }  // NOLINT(performance-no-int-to-ptr): printed only
 
-// "Mutex 0x.. then Mutex 0x.. in thread n, locked at <site>, then at <site>"
-void AddStep(Line &line, const void *first, const void *second, uint32_t thread, uint32_t firstSite,
-             uint32_t secondSite) {
-    line.Add("Mutex %p then Mutex %p in ", first, second).AddThread(thread).Add(", locked at ").AddSite(firstSite);
-    line.Add(", then at ").AddSite(secondSite);
+// A Mutex as the program knows it: "Mutex g_cache_lock", the variable that holds it (with
+// its offset inside, "Mutex g_cache+0x8"), or "Mutex 0x.. (first locked at f+0x2f (app,
+// app.c:12))" for one on the heap or a stack.
+void AddMutex(Line &line, const void *m, uint32_t node) {
+    char name[512];
+    uintptr_t offset = 0;
+    if (SymbolAt(m, true, name, sizeof name, &offset)) {
+        line.Add("Mutex %s", name);
+        if (offset) line.Add("+0x%lx", static_cast<unsigned long>(offset));
+        return;
+    }
+    line.Add("Mutex %p", m);
+    const Frames frames = FramesOf(node ? __atomic_load_n(&g_firstSite[node], __ATOMIC_RELAXED) : 0);
+    if (frames.count == 0) return;
+    char frame[1200];
+    FormatFrame(frames.pc[0], frame, sizeof frame);
+    line.Add(" (first locked at %s)", frame);
 }
 
-void ReportInversion(const Taken &before, Mutex *after, uint32_t afterSite, const Path &opposite) {
+// "Mutex a then Mutex b in thread n, locked at <site>, then at <site>"
+void AddStep(Line &line, uint32_t first, uint32_t second, uint32_t thread, uint32_t firstSite, uint32_t secondSite) {
+    AddMutex(line, MutexOf(first), first);
+    AddMutex(line.Add(" then "), MutexOf(second), second);
+    line.Add(" in ").AddThread(thread).Add(", locked at ").AddSite(firstSite).Add(", then at ").AddSite(secondSite);
+}
+
+void ReportInversion(const Taken &before, uint32_t after, uint32_t afterSite, const Path &opposite) {
     if (!FirstTime(kInversion, before.site, afterSite)) return;
     Line line(2 * 4096 * (kStepsShown + 1) + 1024);
     line.Add("lock order inversion: ");
-    AddStep(line, before.mutex, after, ThreadNumber(), before.site, afterSite);
+    AddStep(line, before.node, after, ThreadNumber(), before.site, afterSite);
     if (opposite.length == 1) {
         const Edge &e = opposite.steps[0];
         line.Add("; the opposite order was taken in ").AddThread(e.thread).Add(", locked at ").AddSite(e.fromSite);
@@ -185,8 +206,7 @@ void ReportInversion(const Taken &before, Mutex *after, uint32_t afterSite, cons
         for (int i = 0; i < opposite.length && i < kStepsShown; i++) {
             const Edge &e = opposite.steps[i];
             line.Add("%s", i ? "; " : ": ");
-            AddStep(line, MutexOf(static_cast<uint32_t>(e.key >> 32)), MutexOf(static_cast<uint32_t>(e.key)), e.thread,
-                    e.fromSite, e.toSite);
+            AddStep(line, static_cast<uint32_t>(e.key >> 32), static_cast<uint32_t>(e.key), e.thread, e.fromSite, e.toSite);
         }
         if (opposite.length > kStepsShown) line.Add("; and %d more", opposite.length - kStepsShown);
     }
@@ -194,7 +214,7 @@ void ReportInversion(const Taken &before, Mutex *after, uint32_t afterSite, cons
 }
 
 // Records "before, then after"; an edge that closes a cycle is reported.
-void Order(const Taken &before, Mutex *after, uint32_t node, uint32_t site) {
+void Order(const Taken &before, uint32_t node, uint32_t site) {
     const uint64_t key = EdgeKey(before.node, node);
     if (FindEdge(key)) return;
     Path opposite{};
@@ -216,7 +236,7 @@ void Order(const Taken &before, Mutex *after, uint32_t node, uint32_t site) {
         }
     }
     if (full) LimitReached(Limit::kOrders);
-    if (cycle) ReportInversion(before, after, site, opposite);
+    if (cycle) ReportInversion(before, node, site, opposite);
 }
 
 }  // namespace
@@ -226,7 +246,7 @@ bool LockOrderPrepare() {
     if (!MapArray(g_nodeSlots, kMutexSlots) || !MapArray(g_edgeSlots, kOrderSlots) ||
         !MapArray(g_firstEdge, kMutexSlots) || !MapArray(g_visited, kMutexSlots) ||
         !MapArray(g_parentEdge, kMutexSlots) || !MapArray(g_nodeMutex, kMutexSlots) || !MapArray(g_queue, kMutexSlots) ||
-        !MapArray(g_holder, kMutexSlots))
+        !MapArray(g_holder, kMutexSlots) || !MapArray(g_firstSite, kMutexSlots))
         return false;
     g_nodes.Attach(g_nodeSlots, kMutexSlots);
     g_edges.Attach(g_edgeSlots, kOrderSlots);
@@ -244,8 +264,8 @@ void LocksAtThreadEnd(CheckThread *me) {
         if (!FirstTime(kEndedHolding, held.site, 0)) continue;
         Line line(4400);
         NoteThread();  // its name as it ends
-        line.AddThread(ThreadNumber()).Add(" ended holding Mutex %p, locked at ", static_cast<void *>(held.mutex));
-        line.AddSite(held.site).Send();
+        AddMutex(line.AddThread(ThreadNumber()).Add(" ended holding "), held.mutex, held.node);
+        line.Add(", locked at ").AddSite(held.site).Send();
     }
     me->heldCount = 0;
 }
@@ -262,7 +282,9 @@ void LockTaken(Mutex *m) {
     const uint32_t node = NodeOf(m);
     if (node == 0) return;
     const uint32_t site = CaptureSite();
-    for (int i = 0; i < me->heldCount; i++) Order(held[i], m, node, site);
+    uint32_t none = 0;
+    __atomic_compare_exchange_n(&g_firstSite[node], &none, site, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED);
+    for (int i = 0; i < me->heldCount; i++) Order(held[i], node, site);
     SetHolder(node, static_cast<uint64_t>(ThreadNumber()) << 32 | site);
     if (me->heldCount < kHeldKept)
         held[me->heldCount++] = Taken{m, node, site, 1};
@@ -293,9 +315,11 @@ void UnlockSeen(Mutex *m) {
     if (!FirstTime(kForeignUnlock, site, 0)) return;
     const auto key = reinterpret_cast<uintptr_t>(m);
     const NodeSlot *known = g_nodes.Find(Mix64(key), [key](const NodeSlot &s) { return SameMutex(s, key); });
-    const uint64_t holder = known ? __atomic_load_n(&g_holder[__atomic_load_n(&known->node, __ATOMIC_RELAXED)], __ATOMIC_RELAXED) : 0;
+    const uint32_t node = known ? __atomic_load_n(&known->node, __ATOMIC_RELAXED) : 0;
+    const uint64_t holder = node ? __atomic_load_n(&g_holder[node], __ATOMIC_RELAXED) : 0;
     Line line(8800);
-    line.Add("Mutex %p unlocked by a thread that does not hold it, at ", static_cast<void *>(m)).AddSite(site);
+    AddMutex(line, m, node);
+    line.Add(" unlocked by a thread that does not hold it, at ").AddSite(site);
     if (holder)
         line.Add("; ").AddThread(static_cast<uint32_t>((holder & ~kEnded) >> 32));
     if (holder) line.Add(" %s it, locked at ", holder & kEnded ? "ended holding" : "holds").AddSite(static_cast<uint32_t>(holder));
@@ -314,7 +338,8 @@ void WaitEntered(const char *what) {
     if (!FirstTime(kHoldAndWait, site, held.site)) return;
     Line line(8600);
     line.Add("wait on %s %s at ", what[0] == 'E' ? "an" : "a", what).AddSite(site);
-    line.Add(" while holding Mutex %p, locked at ", static_cast<void *>(held.mutex)).AddSite(held.site).Send();
+    AddMutex(line.Add(" while holding "), held.mutex, held.node);
+    line.Add(", locked at ").AddSite(held.site).Send();
 }
 
 void LockOrderFork(bool take) {

@@ -140,6 +140,13 @@ void FormatFrame(void *pc, char *out, size_t room);
 // Finds the text of many frames at once (one run of addr2line a module), for the reports
 // that print them next.
 void ResolveFrames(void *const *pcs, size_t n);
+// The name of the variable (data) or the function that holds an address, from its module's
+// symbol table, and the address's offset in it; false when no table names it.
+bool SymbolAt(const void *address, bool data, char *out, size_t room, uintptr_t *offset);
+// The program's own file, read from /proc/self/exe once.
+const char *ProgramPath();
+// True when address lies in the program's own file, with what the file was moved by.
+bool ProgramBias(const void *address, uintptr_t *bias);
 bool SitesPrepare();
 bool FramesPrepare();
 void SitesFork(bool take);

@@ -1,0 +1,148 @@
+// SPDX-License-Identifier: MIT
+// Names of addresses read from the modules' own symbol tables. The dynamic linker knows
+// only what a module exports, and nothing at all in a fully static program; the file's
+// full table (or, when it was stripped, its dynamic one) names static variables such as a
+// file's Mutex, and functions where no addr2line is installed.
+#include <cxxabi.h>
+#include <elf.h>
+#include <fcntl.h>
+#include <link.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "vokt/checks/internal/common.h"
+
+namespace vokt {
+
+namespace {
+
+struct Module {
+    uintptr_t address;  // asked
+    uintptr_t bias;     // what the module was moved by when it was loaded
+    const char *path;   // null: none holds the address
+};
+
+// The loaded module that holds m->address: dl_iterate_phdr answers in static programs too.
+bool ModuleOf(Module *m) {
+    m->path = nullptr;
+    dl_iterate_phdr(+[](dl_phdr_info *info, size_t, void *context) -> int {
+        auto *m = static_cast<Module *>(context);
+        for (ElfW(Half) i = 0; i < info->dlpi_phnum; i++) {
+            const ElfW(Phdr) &p = info->dlpi_phdr[i];
+            const uintptr_t start = info->dlpi_addr + p.p_vaddr;
+            if (p.p_type != PT_LOAD || m->address < start || m->address - start >= p.p_memsz) continue;
+            m->bias = info->dlpi_addr;
+            m->path = info->dlpi_name && info->dlpi_name[0] ? info->dlpi_name : ProgramPath();
+            return 1;
+        }
+        return 0;
+    }, m);
+    return m->path && m->path[0];
+}
+
+// A file mapped for reading, closed when done.
+class Mapped {
+public:
+    explicit Mapped(const char *path) {
+        const int fd = open(path, O_RDONLY | O_CLOEXEC);
+        struct stat st {};
+        if (fd >= 0 && fstat(fd, &st) == 0 && st.st_size > static_cast<off_t>(sizeof(ElfW(Ehdr)))) {
+            void *at = mmap(nullptr, static_cast<size_t>(st.st_size), PROT_READ, MAP_PRIVATE, fd, 0);
+            if (at != MAP_FAILED) bytes_ = static_cast<const char *>(at), size_ = static_cast<size_t>(st.st_size);
+        }
+        if (fd >= 0) close(fd);
+    }
+    ~Mapped() {
+        if (bytes_) munmap(const_cast<char *>(bytes_), size_);
+    }
+    Mapped(const Mapped &) = delete;
+    Mapped &operator=(const Mapped &) = delete;
+    // count items of T at offset, or null when they are not all inside the file.
+    template <typename T>
+    const T *At(uint64_t offset, uint64_t count = 1) const {
+        if (!bytes_ || offset > size_ || count > (size_ - offset) / sizeof(T) || offset % alignof(T)) return nullptr;
+        return reinterpret_cast<const T *>(bytes_ + offset);
+    }
+    uint64_t Size() const { return size_; }
+
+private:
+    const char *bytes_ = nullptr;
+    size_t size_ = 0;
+};
+
+// The symbol of the wanted kind whose extent holds value (a file address), from the table
+// of the given type; its name (inside the file) and start, or null.
+const char *Search(const Mapped &file, uint32_t type, uint64_t value, bool data, uint64_t *start) {
+    const auto *eh = file.At<ElfW(Ehdr)>(0);
+    if (!eh || memcmp(eh->e_ident, ELFMAG, SELFMAG) != 0 || eh->e_ident[EI_CLASS] != (sizeof(void *) == 8 ? ELFCLASS64 : ELFCLASS32) ||
+        eh->e_shentsize != sizeof(ElfW(Shdr)))
+        return nullptr;
+    const auto *sections = file.At<ElfW(Shdr)>(eh->e_shoff, eh->e_shnum);
+    if (!sections) return nullptr;
+    for (ElfW(Half) s = 0; s < eh->e_shnum; s++) {
+        const ElfW(Shdr) &table = sections[s];
+        if (table.sh_type != type || table.sh_link >= eh->e_shnum || table.sh_entsize != sizeof(ElfW(Sym))) continue;
+        const ElfW(Shdr) &strings = sections[table.sh_link];
+        const auto *symbols = file.At<ElfW(Sym)>(table.sh_offset, table.sh_size / sizeof(ElfW(Sym)));
+        const char *names = file.At<char>(strings.sh_offset, strings.sh_size);
+        if (!symbols || !names || strings.sh_size == 0) continue;
+        const char *best = nullptr;
+        for (uint64_t i = 0; i < table.sh_size / sizeof(ElfW(Sym)); i++) {
+            const ElfW(Sym) &sym = symbols[i];
+            const unsigned kind = sym.st_info & 0xfu;  // ELF32_ST_TYPE and ELF64_ST_TYPE alike
+            const bool wanted = data ? kind == STT_OBJECT : kind == STT_FUNC;
+            if (!wanted || sym.st_shndx == SHN_UNDEF || sym.st_name >= strings.sh_size || value < sym.st_value ||
+                value - sym.st_value >= (sym.st_size ? sym.st_size : 1))
+                continue;
+            if (names[strings.sh_size - 1] != '\0' && !memchr(names + sym.st_name, '\0', strings.sh_size - sym.st_name))
+                continue;  // a name that runs off its table
+            best = names + sym.st_name;
+            *start = sym.st_value;
+            if (names[sym.st_name]) break;
+        }
+        if (best && best[0]) return best;
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+const char *ProgramPath() {
+    static char path[4096];
+    if (!path[0]) {
+        const ssize_t n = readlink("/proc/self/exe", path, sizeof path - 1);
+        path[n > 0 ? n : 0] = '\0';
+    }
+    return path;
+}
+
+bool ProgramBias(const void *address, uintptr_t *bias) {
+    Module m{reinterpret_cast<uintptr_t>(address), 0, nullptr};
+    if (!ModuleOf(&m) || m.path != ProgramPath()) return false;
+    *bias = m.bias;
+    return true;
+}
+
+bool SymbolAt(const void *address, bool data, char *out, size_t room, uintptr_t *offset) {
+    const auto at = reinterpret_cast<uintptr_t>(address);
+    Module m{at, 0, nullptr};
+    if (room == 0 || !ModuleOf(&m)) return false;
+    const Mapped file(m.path);
+    uint64_t start = 0;
+    const uint64_t value = at - m.bias;
+    const char *name = Search(file, SHT_SYMTAB, value, data, &start);
+    if (!name) name = Search(file, SHT_DYNSYM, value, data, &start);
+    if (!name) return false;
+    *offset = static_cast<uintptr_t>(value - start);
+    // C++ names read as written; the demangler's text comes from malloc, not from the
+    // allocation layer, and goes back to it.
+    int status = -1;
+    char *readable = name[0] == '_' && name[1] == 'Z' ? abi::__cxa_demangle(name, nullptr, nullptr, &status) : nullptr;
+    snprintf(out, room, "%s", status == 0 && readable ? readable : name);
+    free(readable);  // NOLINT(cppcoreguidelines-no-malloc): the demangler's own
+    return true;
+}
+
+}  // namespace vokt
