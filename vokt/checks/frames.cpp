@@ -76,23 +76,34 @@ bool Locate(void *pc, Where *w) {
     return true;
 }
 
-// Runs addr2line once on n addresses of one module: for each, its function and its
-// "file:line" (each cut to room), empty when not answered. False when it could not be run.
-bool AskAddr2line(const char *module, const uintptr_t *addresses, size_t n, char (*functions)[512], char (*places)[512]) {
+// What addr2line says of one address: the functions it stands for, the calls inlined into
+// the function first and the function itself last, each with its "file:line".
+constexpr int kInlined = 4;  // kept of them: the innermost three and the function
+struct Answer {
+    int count;
+    char function[kInlined][512];
+    char place[kInlined][512];
+};
+
+// Runs addr2line once on n addresses of one module, an answer each (count 0 when none came).
+// False when it could not be run.
+bool AskAddr2line(const char *module, const uintptr_t *addresses, size_t n, Answer *answers) {
     int fds[2];
     if (!g_hasAddr2line || n == 0 || pipe2(fds, O_CLOEXEC) != 0) return false;
-    constexpr size_t kArgs = 6;
+    constexpr size_t kArgs = 8;
     auto **argv = static_cast<char **>(MapZeroed((n + kArgs) * sizeof(char *) + n * 24));
     if (!argv) return close(fds[0]), close(fds[1]), false;
     char *hex = reinterpret_cast<char *>(argv + n + kArgs);
     argv[0] = const_cast<char *>("addr2line");
     argv[1] = const_cast<char *>("-f");
     argv[2] = const_cast<char *>("-C");
-    argv[3] = const_cast<char *>("-e");
-    argv[4] = const_cast<char *>(module);
+    argv[3] = const_cast<char *>("-i");  // the calls inlined at the address, each a line pair
+    argv[4] = const_cast<char *>("-a");  // each address's answer starts with the address
+    argv[5] = const_cast<char *>("-e");
+    argv[6] = const_cast<char *>(module);
     for (size_t i = 0; i < n; i++, hex += 24) {
         snprintf(hex, 24, "0x%lx", static_cast<unsigned long>(addresses[i]));
-        argv[5 + i] = hex;
+        argv[7 + i] = hex;
     }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
@@ -104,9 +115,11 @@ bool AskAddr2line(const char *module, const uintptr_t *addresses, size_t n, char
     posix_spawn_file_actions_destroy(&actions);
     Unmap(argv, (n + kArgs) * sizeof(char *) + n * 24);
     close(fds[1]);
-    // Two lines an address, read a line at a time.
+    // An address's line, then two lines for each function it stands for; read a line at a time.
+    for (size_t i = 0; i < n; i++) answers[i].count = 0;
     char line[1024];
-    size_t used = 0, lines = 0;
+    size_t used = 0, pairLine = 0;
+    Answer *answer = nullptr;
     ssize_t got = 0;
     char chunk[4096];
     while (rc == 0 && (got = read(fds[0], chunk, sizeof chunk)) > 0) {
@@ -117,23 +130,49 @@ bool AskAddr2line(const char *module, const uintptr_t *addresses, size_t n, char
             }
             line[used] = '\0';
             used = 0;
-            const size_t i = lines / 2;
-            if (i < n) CopyCut(lines % 2 ? places[i] : functions[i], 512, line);
-            lines++;
+            if (pairLine == 0 && line[0] == '0' && line[1] == 'x' && line[2 + strspn(line + 2, "0123456789abcdef")] == '\0') {
+                answer = answer ? (answer + 1 < answers + n ? answer + 1 : nullptr) : answers;
+                continue;
+            }
+            if (!answer) continue;
+            // Past kInlined, the last slot takes each later pair: the function itself comes last.
+            const int slot = answer->count < kInlined ? answer->count : kInlined - 1;
+            if (pairLine == 0) {
+                CopyCut(answer->function[slot], 512, line);
+            } else {
+                CopyCut(answer->place[slot], 512, line);
+                answer->place[slot][strcspn(answer->place[slot], " ")] = '\0';  // " (discriminator 1)"
+                answer->count = slot + 1;
+            }
+            pairLine ^= 1;
         }
     }
     if (rc == 0) waitpid(pid, nullptr, 0);
     close(fds[0]);
-    for (size_t i = 0; i < n; i++) places[i][strcspn(places[i], " ")] = '\0';  // " (discriminator 1)"
     return rc == 0;
 }
 
-// A frame as text, from what the linker and (when asked) addr2line said.
-void Compose(void *pc, Where &w, bool asked, const char *function, const char *place, char *out, size_t room) {
-    const char *base = strrchr(w.module, '/') ? strrchr(w.module, '/') + 1 : w.module;
+bool Known(const char *place) { return place[0] && strcmp(place, "??:0") != 0 && strcmp(place, "??:?") != 0; }
+const char *FileOf(const char *path) { return strrchr(path, '/') ? strrchr(path, '/') + 1 : path; }
+
+// A frame as text, from what the linker and addr2line (its answer, when asked) said: the
+// calls inlined at the address first, "Vector_Add (app, vector.h:12) <- main+0x2f (app, app.c:30)".
+void Compose(void *pc, Where &w, const Answer *answer, char *out, size_t room) {
+    const char *base = FileOf(w.module);
+    const bool asked = answer && answer->count > 0;
+    size_t used = 0;
+    out[0] = '\0';
+    for (int i = 0; asked && i + 1 < answer->count && used + 1 < room; i++) {
+        snprintf(out + used, room - used, Known(answer->place[i]) ? "%s (%s, %s) <- " : "%s (%s) <- ",
+                 answer->function[i], base, FileOf(answer->place[i]));
+        used += strlen(out + used);
+    }
+    out += used, room -= used;
+    const char *function = asked ? answer->function[answer->count - 1] : "";
+    const char *place = asked ? answer->place[answer->count - 1] : "";
     const auto at = reinterpret_cast<uintptr_t>(pc);
     const auto load = reinterpret_cast<uintptr_t>(w.info.dli_fbase);
-    const bool known = asked && place[0] && strcmp(place, "??:0") != 0 && strcmp(place, "??:?") != 0;
+    const bool known = asked && Known(place);
     // The nearest exported symbol below may end before the address (a static function
     // lies between): then it is not the function's name.
     const bool inside = w.symbol && w.info.dli_saddr &&
@@ -159,7 +198,7 @@ void Compose(void *pc, Where &w, bool asked, const char *function, const char *p
     else
         snprintf(head, sizeof head, "0x%lx", static_cast<unsigned long>(offset));
     if (known)
-        snprintf(out, room, "%s (%s, %s)", head, base, strrchr(place, '/') ? strrchr(place, '/') + 1 : place);
+        snprintf(out, room, "%s (%s, %s)", head, base, FileOf(place));
     else
         snprintf(out, room, "%s (%s)", head, base);
 }
@@ -167,7 +206,7 @@ void Compose(void *pc, Where &w, bool asked, const char *function, const char *p
 // Frames already printed, by address: a report names the same frames again and again (the
 // program's outer calls), and each costs addr2line. The table grows with the frames reports
 // print; past kPrintedMost it starts afresh.
-constexpr size_t kPrintedText = 512;
+constexpr size_t kPrintedText = 1024;
 constexpr size_t kPrintedMost = 1u << 17;
 struct Printed {
     void *pc;  // null: empty
@@ -210,9 +249,8 @@ void FormatFrame(void *pc, char *out, size_t room) {
     if (Cached(pc, out, room)) return;
     Where w{};
     if (!Locate(pc, &w)) return void(snprintf(out, room, "%p", pc));
-    char function[1][512] = {""}, place[1][512] = {""};
-    const bool asked = AskAddr2line(w.module, &w.address, 1, function, place);
-    Compose(pc, w, asked, function[0], place[0], out, room);
+    Answer answer{};
+    Compose(pc, w, AskAddr2line(w.module, &w.address, 1, &answer) ? &answer : nullptr, out, room);
     Keep(pc, out);
 }
 
@@ -225,7 +263,7 @@ void ResolveFrames(void *const *pcs, size_t n) {
     struct Batch {
         uintptr_t address[kBatch];
         size_t index[kBatch];
-        char function[kBatch][512], place[kBatch][512];
+        Answer answer[kBatch];
     };
     const size_t bytes = sizeof(Batch) + pending * (sizeof(Where) + sizeof(void *));
     auto *b = static_cast<Batch *>(MapZeroed(bytes));
@@ -247,15 +285,14 @@ void ResolveFrames(void *const *pcs, size_t n) {
             if (again) continue;
             b->index[batch] = j;
             b->address[batch] = where[j].address;
-            b->function[batch][0] = b->place[batch][0] = '\0';
             batch++;
         }
-        const bool asked = AskAddr2line(module, b->address, batch, b->function, b->place);
+        const bool asked = AskAddr2line(module, b->address, batch, b->answer);
         for (size_t k = 0; k < batch; k++) {
             Where &w = where[b->index[k]];
             w.module = module;
             char text[kPrintedText];
-            Compose(pc[b->index[k]], w, asked, b->function[k], b->place[k], text, sizeof text);
+            Compose(pc[b->index[k]], w, asked ? &b->answer[k] : nullptr, text, sizeof text);
             w.module = nullptr;
             Keep(pc[b->index[k]], text);
         }

@@ -167,7 +167,13 @@ bool Suppressed(uint32_t site) {
     for (uint32_t i = 0; i < frames.count; i++) {
         char frame[1200];
         FormatFrame(frames.pc[i], frame, sizeof frame);
-        if (Suppressed(frame)) return true;
+        // A return address with calls inlined at it prints as several frames.
+        for (char *piece = frame; piece;) {
+            char *next = strstr(piece, " <- ");
+            if (next) *next = '\0', next += 4;
+            if (Suppressed(piece)) return true;
+            piece = next;
+        }
     }
     return false;
 }
