@@ -102,6 +102,37 @@ TEST(Checks, LockOrderInversionsAndHoldsAreReportedWithoutADeadlock) {
     }));
 }
 
+// VOKT_CHECK_OUTPUT: each report is also one JSON object on a line of its own, with its
+// values as arrays (classes, counts, bytes, Mutexes, threads, sites as frames).
+TEST(Checks, ReportsAreWrittenAsJsonLines) {
+    EXPECT_EQ(0, test::InChild([] {
+        Planted("leaks", "'leaks;bo\"gus' VOKT_CHECK_OUTPUT=reports.json");
+        Planted("locks", "locks VOKT_CHECK_OUTPUT=reports.json");
+        const std::string json = test::ReadFile("reports.json");
+        EXPECT_EQ(test::Count(json, "\n"), 7) << json;
+        EXPECT_EQ(test::Count(json, "{\"kind\":"), 7) << json;
+        const std::string setting = Line(json, "{\"kind\":\"setting\",\"pid\":");
+        EXPECT_NE(setting.find(",\"text\":\"VOKT_CHECK: unknown check \\\"bo\\\"gus\\\" ignored\"}"), std::string::npos) << json;
+        const std::string leaks = Line(json, "{\"kind\":\"leaks\"");
+        EXPECT_NE(leaks.find(",\"text\":\"3 objects alive now: 2 String ("), std::string::npos) << leaks;
+        EXPECT_NE(leaks.find(",\"classes\":[\"String\",\"Vector\"],\"counts\":[2,1],\"bytes\":["), std::string::npos) << leaks;
+        EXPECT_NE(leaks.find(",\"sites\":[[{\"function\":\"load_config\",\"offset\":\"0x"), std::string::npos) << leaks;
+        EXPECT_NE(leaks.find("\"module\":\"planted\",\"file\":\"planted.c\",\"line\":"), std::string::npos) << leaks;
+        EXPECT_NE(leaks.find("[{\"function\":\"new_list\",\"module\":\"planted\",\"file\":\"planted.c\",\"line\":"),
+                  std::string::npos) << leaks;
+        const std::string inversion = Line(json, "{\"kind\":\"lock-order-inversion\"");
+        EXPECT_NE(inversion.find(",\"mutexes\":[\"b\",\"a\"],\"threads\":[{\"number\":2,\"tid\":"), std::string::npos) << inversion;
+        EXPECT_NE(inversion.find(",\"name\":\"backwards\"}"), std::string::npos) << inversion;
+        for (const char *kind : {"wait-while-holding", "ended-holding", "unlock-not-held"})
+            EXPECT_EQ(test::Count(json, std::string("{\"kind\":\"") + kind + "\""), 1) << kind;
+        // A file that cannot be opened is said once, and the reports still go to standard error.
+        const std::string unopened = Planted("leaks", "leaks VOKT_CHECK_OUTPUT=/nowhere/reports.json").err;
+        EXPECT_EQ(Line(unopened, "vokt: VOKT_CHECK_OUTPUT"),
+                  "vokt: VOKT_CHECK_OUTPUT: cannot open \"/nowhere/reports.json\" (No such file or directory); reports are not written to it");
+        EXPECT_NE(unopened.find("vokt: 3 objects alive at exit: "), std::string::npos) << unopened;
+    }));
+}
+
 #ifdef VOKT_PLANTED_STATIC
 // In a fully static program the dynamic linker names nothing: the program's own symbol table
 // names its functions and its Mutexes, with addr2line or without it.

@@ -220,7 +220,7 @@ int64_t WriteLeaks(FILE *out, const char *when, bool every) {
         ResolveFrames(pcs, n);
         Unmap(pcs, shown * 8 * sizeof(void *) + 1);
     }
-    Line line(4096 * (shown + 1));
+    Line line("leaks", 4096 * (shown + 1));
     line.Add("%llu object%s", static_cast<unsigned long long>(objects), objects == 1 ? "" : "s");
     if (blocks) line.Add(" and %llu block%s", static_cast<unsigned long long>(blocks), blocks == 1 ? "" : "s");
     line.Add(" alive %s", when);
@@ -232,7 +232,8 @@ int64_t WriteLeaks(FILE *out, const char *when, bool every) {
         const char *name = g.cls ? ShownName(g.cls) : (g.count == 1 ? "block" : "blocks");
         line.Add("%s %llu %s (%llu bytes) ", i ? ";" : "", static_cast<unsigned long long>(g.count), name,
                  static_cast<unsigned long long>(g.bytes));
-        g.orphan ? line.Add("held by objects this report does not list") : line.Add("from ").AddSite(g.site);
+        line.Note(Field::kClasses, name).Note(Field::kCounts, g.count).Note(Field::kBytes, g.bytes);
+        g.orphan ? line.Add("held by objects this report does not list").NoSite() : line.Add("from ").AddSite(g.site);
     }
     if (listed > shown) line.Add("; and %zu more groups", listed - shown);
     if (known[0] || known[1])
@@ -247,7 +248,7 @@ void LoadSuppressions(const char *path) {
     const int fd = open(path, O_RDONLY | O_CLOEXEC);
     char *text = static_cast<char *>(MapZeroed(kSuppressionRoom));
     if (fd < 0 || !text) {
-        Line(600).Add("VOKT_CHECK_SUPPRESS: cannot read \"%.400s\"; nothing is suppressed", path).Send();
+        Line("setting", 600).Add("VOKT_CHECK_SUPPRESS: cannot read \"%.400s\"; nothing is suppressed", path).Send();
         if (fd >= 0) close(fd);
         return Unmap(text, kSuppressionRoom);
     }
@@ -268,7 +269,7 @@ void LoadSuppressions(const char *path) {
             memcpy(g_suppressed + g_suppressedUsed, word + 5, length - 5);
             g_suppressedUsed += length - 5 + 1;
         } else if (length > 0) {
-            Line(600).Add("VOKT_CHECK_SUPPRESS: \"%.*s\" is not leak:NAME; ignored", static_cast<int>(length > 200 ? 200 : length), word).Send();
+            Line("setting", 600).Add("VOKT_CHECK_SUPPRESS: \"%.*s\" is not leak:NAME; ignored", static_cast<int>(length > 200 ? 200 : length), word).Send();
         }
         if (!end) break;
         line = end + 1;

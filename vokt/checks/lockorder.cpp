@@ -5,6 +5,7 @@
 // unlock by a thread that does not hold the Mutex, a thread that ends holding one, and a
 // wait entered while holding one.
 #include <pthread.h>
+#include <string.h>
 
 #include "vokt/checks/internal/common.h"
 #include "vokt/internal/lock.h"
@@ -173,11 +174,13 @@ void AddMutex(Line &line, const void *m, uint32_t node) {
     char name[512];
     uintptr_t offset = 0;
     if (SymbolAt(m, true, name, sizeof name, &offset)) {
-        line.Add("Mutex %s", name);
-        if (offset) line.Add("+0x%lx", static_cast<unsigned long>(offset));
+        const size_t n = strlen(name);
+        if (offset) snprintf(name + n, sizeof name - n, "+0x%lx", static_cast<unsigned long>(offset));
+        line.Add("Mutex %s", name).Note(Field::kMutexes, name);
         return;
     }
-    line.Add("Mutex %p", m);
+    snprintf(name, sizeof name, "%p", m);
+    line.Add("Mutex %s", name).Note(Field::kMutexes, name);
     const Frames frames = FramesOf(node ? __atomic_load_n(&g_firstSite[node], __ATOMIC_RELAXED) : 0);
     if (frames.count == 0) return;
     char frame[1200];
@@ -194,7 +197,7 @@ void AddStep(Line &line, uint32_t first, uint32_t second, uint32_t thread, uint3
 
 void ReportInversion(const Taken &before, uint32_t after, uint32_t afterSite, const Path &opposite) {
     if (!FirstTime(kInversion, before.site, afterSite)) return;
-    Line line(2 * 4096 * (kStepsShown + 1) + 1024);
+    Line line("lock-order-inversion", 2 * 4096 * (kStepsShown + 1) + 1024);
     line.Add("lock order inversion: ");
     AddStep(line, before.node, after, ThreadNumber(), before.site, afterSite);
     if (opposite.length == 1) {
@@ -262,7 +265,7 @@ void LocksAtThreadEnd(CheckThread *me) {
         const Taken &held = me->held[i];
         SetHolder(held.node, kEnded | __atomic_load_n(&g_holder[held.node], __ATOMIC_RELAXED));
         if (!FirstTime(kEndedHolding, held.site, 0)) continue;
-        Line line(4400);
+        Line line("ended-holding", 4400);
         NoteThread();  // its name as it ends
         AddMutex(line.AddThread(ThreadNumber()).Add(" ended holding "), held.mutex, held.node);
         line.Add(", locked at ").AddSite(held.site).Send();
@@ -317,7 +320,7 @@ void UnlockSeen(Mutex *m) {
     const NodeSlot *known = g_nodes.Find(Mix64(key), [key](const NodeSlot &s) { return SameMutex(s, key); });
     const uint32_t node = known ? __atomic_load_n(&known->node, __ATOMIC_RELAXED) : 0;
     const uint64_t holder = node ? __atomic_load_n(&g_holder[node], __ATOMIC_RELAXED) : 0;
-    Line line(8800);
+    Line line("unlock-not-held", 8800);
     AddMutex(line, m, node);
     line.Add(" unlocked by a thread that does not hold it, at ").AddSite(site);
     if (holder)
@@ -336,7 +339,7 @@ void WaitEntered(const char *what) {
     const Taken &held = me->held[0];
     const uint32_t site = CaptureSite();
     if (!FirstTime(kHoldAndWait, site, held.site)) return;
-    Line line(8600);
+    Line line("wait-while-holding", 8600);
     line.Add("wait on %s %s at ", what[0] == 'E' ? "an" : "a", what).AddSite(site);
     AddMutex(line.Add(" while holding "), held.mutex, held.node);
     line.Add(", locked at ").AddSite(held.site).Send();

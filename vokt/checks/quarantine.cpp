@@ -81,9 +81,10 @@ void ReportDestroyed(const Record &r, bool destroying) {
     // pointer: which one was destroyed where cannot be told, and no site is named.
     const bool certain = !(r.flags & kReused);
     if (!FirstTime(destroying ? kReportDestroy : kReportUse, certain ? r.site : 0, at)) return;
-    Line line(8400);
+    Line line(destroying ? "destroyed-again" : "destroyed-object-used", 8400);
     line.Add("%s %s after it was destroyed ", ShownName(r.cls), destroying ? "destroyed again" : "used");
-    certain ? line.Add("at ").AddSite(r.site) : line.Add("earlier; its site is no longer kept");
+    line.Note(Field::kClasses, ShownName(r.cls));
+    certain ? line.Add("at ").AddSite(r.site) : line.Add("earlier; its site is no longer kept").NoSite();
     line.Add(destroying ? "; destroyed again at " : "; used at ").AddSite(at).Send();
 }
 

@@ -24,13 +24,19 @@ SpinLock g_seenLock;
 
 }  // namespace
 
-Line::Line(size_t room) : text_(static_cast<char *>(MapZeroed(room))), room_(room), used_(0), mapped_(true) {
+Line::Line(const char *kind, size_t room)
+    : kind_(kind), text_(static_cast<char *>(MapZeroed(room))), room_(room), used_(0), mapped_(true) {
     if (!text_) text_ = small_, room_ = kSmall, mapped_ = false;
     Add("%s", kPrefix);
+    if (WritingJson()) {
+        jsonRoom_ = 4 * room_;  // a site's JSON takes up to four times its text
+        json_ = static_cast<char *>(MapZeroed(kFields * jsonRoom_));
+    }
 }
 
 Line::~Line() {
     if (mapped_) Unmap(text_, room_);
+    Unmap(json_, kFields * jsonRoom_);
 }
 
 // NOLINTNEXTLINE(cert-dcl50-cpp): printf-style, so that the compiler checks each format
@@ -46,7 +52,7 @@ Line &Line::Add(const char *format, ...) {
 
 Line &Line::AddSite(uint32_t site) {
     const Frames frames = FramesOf(site);
-    if (frames.count == 0) return Add("an unknown site");
+    if (frames.count == 0) return NoSite().Add("an unknown site");
     ResolveFrames(frames.pc, frames.count);
     char text[4096];  // a site's text is cut here, whatever room the line has
     size_t used = 0;
@@ -57,6 +63,7 @@ Line &Line::AddSite(uint32_t site) {
         snprintf(text + used, sizeof text - used, "%s%s", i ? " <- " : "", frame);
         used += strlen(text + used);
     }
+    PutFrames(text);
     return Add("%s", text);
 }
 
@@ -70,12 +77,14 @@ void Line::Send(bool counts) {
     fprintf(stderr, "%s\n", text_);
     fflush(stderr);
     Log_Write(0, "%s", text_);
+    WriteJson();
     me->reporting--;
 }
 
 void Line::Print(FILE *out) {
     fprintf(out, "%s\n", text_);
     fflush(out);
+    WriteJson();
 }
 
 bool FirstTime(ReportKind kind, uint64_t a, uint64_t b) {
@@ -107,7 +116,7 @@ void LimitReached(Limit limit) {
     const auto bit = 1u << static_cast<uint32_t>(limit);
     if (__atomic_fetch_or(&said, bit, __ATOMIC_RELAXED) & bit) return;
     const Text &text = kTexts[static_cast<uint32_t>(limit)];
-    Line line(512);
+    Line line("limit", 512);
     line.Add("%s", text.before);
     if (text.bound) line.Add("%zu", text.bound);
     line.Add("%s", text.after).Send();

@@ -36,7 +36,7 @@ uint32_t ParseChecks(const char *text) {
         for (const auto &w : kWords)
             if (strlen(w.word) == length && strncasecmp(word, w.word, length) == 0) flags |= w.flag, known = true;
         if (!known)
-            Line(320).Add("VOKT_CHECK: unknown check \"%.*s\" ignored", static_cast<int>(length > 200 ? 200 : length), word).Send();
+            Line("setting", 320).Add("VOKT_CHECK: unknown check \"%.*s\" ignored", static_cast<int>(length > 200 ? 200 : length), word).Send();
         p += span + (p[span] != '\0' ? 1 : 0);
     }
     return flags;
@@ -54,7 +54,7 @@ bool Prepare(uint32_t flags) {
 void SetChecks(uint32_t flags) {
     flags &= VOKT_CHECK_ALL;
     if (!Prepare(flags)) {
-        Line(128).Add("the checks could not map their tables; they stay off").Print(stderr);
+        Line("limit", 128).Add("the checks could not map their tables; they stay off").Print(stderr);
         return;
     }
     const uint32_t before = __atomic_load_n(&g_checks, __ATOMIC_RELAXED);
@@ -69,6 +69,8 @@ int g_exitCode = -1;
 
 // Read when the library is loaded, so that objects made before Runtime_Init are seen too.
 [[gnu::constructor]] void ReadSwitch() {
+    const char *output = getenv("VOKT_CHECK_OUTPUT");  // NOLINT(concurrency-mt-unsafe): read once at load
+    if (output && output[0] != '\0') OpenOutput(output);
     const char *text = getenv("VOKT_CHECK");  // NOLINT(concurrency-mt-unsafe): read once at load
     const char *code = getenv("VOKT_CHECK_EXITCODE");  // NOLINT(concurrency-mt-unsafe): read once at load
     if (code && code[0] != '\0') g_exitCode = atoi(code);  // NOLINT(cert-err34-c): a number or nothing

@@ -156,32 +156,56 @@ void FramesFork(bool take);
 
 // One report line, made in the checks' own memory: "vokt: " and then what is added. A line
 // longer than its room is cut; without memory for it, the first kSmall bytes still go out.
+// With VOKT_CHECK_OUTPUT set, each report is also written to that file as one JSON object:
+// its kind, its text, and what Note, AddSite and AddThread gave it as arrays of values.
+enum class Field : uint32_t { kClasses, kCounts, kBytes, kMutexes, kThreads, kSites };
+constexpr uint32_t kFields = 6;
 class Line {
 public:
-    explicit Line(size_t room);
+    Line(const char *kind, size_t room);
     ~Line();
     Line(const Line &) = delete;
     Line &operator=(const Line &) = delete;
     // NOLINTNEXTLINE(cert-dcl50-cpp): printf-style, so that the compiler checks each format
     [[gnu::format(printf, 2, 3)]] Line &Add(const char *format, ...);
-    // A site: "f+0x2f (app) <- main+0x11 (app)", or "an unknown site".
+    // A site: "f+0x2f (app) <- main+0x11 (app)", or "an unknown site" (null in JSON).
     Line &AddSite(uint32_t site);
+    // No site, in the JSON form only (where the text says why none is named).
+    Line &NoSite();
     // A thread: "thread 2 (12345 \"worker\")", its number, system identifier and name.
     Line &AddThread(uint32_t number);
+    // A value of the JSON form only, at the end of one of its arrays.
+    Line &Note(Field field, const char *text);
+    Line &Note(Field field, uint64_t number);
     // On standard error and in the log at level 0; the calling thread's hooks stand aside
     // meanwhile (the log locks and allocates). A line that only informs does not count
     // among the reports made (VOKT_CHECK_EXITCODE).
     void Send(bool counts = true);
-    // To out only.
+    // To out only (and to the JSON output).
     void Print(FILE *out);
 
 private:
+    // NOLINTNEXTLINE(cert-dcl50-cpp): printf-style, so that the compiler checks each format
+    [[gnu::format(printf, 3, 4)]] void Put(Field field, const char *format, ...);
+    void PutFrames(const char *text);
+    void WriteJson();
     static constexpr size_t kSmall = 512;
+    const char *kind_;
     char *text_;
     size_t room_, used_;
     bool mapped_;
+    char *json_ = nullptr;  // kFields arrays of jsonRoom_ bytes each, when JSON is written
+    size_t jsonRoom_ = 0;
+    size_t jsonUsed_[kFields] = {};
     char small_[kSmall];
 };
+// Opens VOKT_CHECK_OUTPUT's file for the JSON form of every report (appended to); true while
+// it is open.
+void OpenOutput(const char *path);
+bool WritingJson();
+// Writes text as a JSON string, quoted, into out (room bytes, cut where it does not fit);
+// the bytes written.
+size_t JsonString(char *out, size_t room, const char *text, size_t length);
 // True the first time a report of this kind is asked for this pair of values.
 enum ReportKind : uint32_t {
     kReportUse = 1,
