@@ -147,6 +147,16 @@ TEST(Checks, AStaticProgramIsNamedFromItsSymbolTable) {
 }
 #endif
 
+// A race checker learns lock orders from blocking locks only: watched, vokt takes its locks
+// blocking, so that ThreadSanitizer (here with the library built for it) finds the inversion.
+TEST(Checks, ThreadSanitizerSeesTheOrderOfLocks) {
+    if (!test::kThreadSanitizer) GTEST_SKIP() << "a build for ThreadSanitizer shows this";
+    EXPECT_EQ(0, test::InChild([] {
+        const std::string err = Planted("locks", " TSAN_OPTIONS=detect_deadlocks=1:report_mutex_bugs=0", 66).err;
+        EXPECT_EQ(test::Count(err, "WARNING: ThreadSanitizer: lock-order-inversion"), 1) << err;
+    }));
+}
+
 // Used with the check off, these mistakes would corrupt the heap; with it on, each use and
 // each second destruction is reported once per pair of sites and nothing is released twice.
 TEST(Checks, DestroyedObjectsAreHeldBackAndEveryUseReported) {

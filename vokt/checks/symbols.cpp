@@ -3,7 +3,6 @@
 // only what a module exports, and nothing at all in a fully static program; the file's
 // full table (or, when it was stripped, its dynamic one) names static variables such as a
 // file's Mutex, and functions where no addr2line is installed.
-#include <cxxabi.h>
 #include <elf.h>
 #include <fcntl.h>
 #include <link.h>
@@ -13,6 +12,11 @@
 #include <unistd.h>
 
 #include "vokt/checks/internal/common.h"
+
+// The C++ runtime's demangler, when the program has that runtime: a C program linked with
+// the static library has not, and its names need none.
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the C++ runtime's own name
+extern "C" char *__cxa_demangle(const char *name, char *out, size_t *length, int *status) __attribute__((weak));
 
 namespace vokt {
 
@@ -139,7 +143,7 @@ bool SymbolAt(const void *address, bool data, char *out, size_t room, uintptr_t 
     // C++ names read as written; the demangler's text comes from malloc, not from the
     // allocation layer, and goes back to it.
     int status = -1;
-    char *readable = name[0] == '_' && name[1] == 'Z' ? abi::__cxa_demangle(name, nullptr, nullptr, &status) : nullptr;
+    char *readable = name[0] == '_' && name[1] == 'Z' && __cxa_demangle ? __cxa_demangle(name, nullptr, nullptr, &status) : nullptr;
     snprintf(out, room, "%s", status == 0 && readable ? readable : name);
     free(readable);  // NOLINT(cppcoreguidelines-no-malloc): the demangler's own
     return true;
