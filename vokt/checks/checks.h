@@ -26,7 +26,13 @@
  * object allocates for itself (a String's text) is counted with the object. Objects of a
  * program's own classes take part when made with Object_New().
  *
- * More variables: VOKT_CHECK_QUARANTINE, read when a check is first switched on, the
+ * A frame shows the calls inlined at it first; a Mutex is named by the variable that holds
+ * it (`Mutex g_cache_lock`), or else by its address and the frame where it was first locked.
+ *
+ * More variables: VOKT_CHECK_OUTPUT, a file to which each report is also appended as one JSON
+ * object a line (kind, pid, text, and the arrays classes, counts, bytes, mutexes, threads and
+ * sites, a site being an array of frames {function, offset, module, file, line});
+ * VOKT_CHECK_QUARANTINE, read when a check is first switched on, the
  * megabytes of destroyed objects `objects` holds back (4 by default); and, read when the
  * library is loaded, VOKT_CHECK_EXITCODE, the status with which a process that reported
  * anything exits, and VOKT_CHECK_SUPPRESS, a file of known leaks: one `leak:NAME` a line,
