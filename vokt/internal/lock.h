@@ -16,12 +16,13 @@
 // jump table before its one compare-and-swap. This is that compare-and-swap of the lock
 // word from free (0) to held (1), plus the two bookkeeping fields the C library writes: its
 // unlock, lock and condition waits then find the mutex exactly as if it had taken it, and
-// the release below is its unlock. Both always use the atomic steps, even while the process
-// seems to have one thread: the C library's exported single-thread flag can stay set after
-// threads have started (a program's copy of it is not updated once a thread has cancelled
-// itself), and a plain store would then lose a sleeper's wake-up. Any other kind of mutex,
-// and any process where something watches the pthread calls (a race checker), goes
-// through the C library.
+// the release below is its unlock. While the process has one thread they take plain loads
+// and stores, as the C library's own lock does, deciding from the same flag it decides from:
+// its own storage of __libc_single_threaded, found at load. Never from the program's copy of
+// that flag, which can stay set after threads have started (it is not updated once a thread
+// has cancelled itself), where a plain store would lose a sleeper's wake-up. Any other kind
+// of mutex, and any process where something watches the pthread calls (a race checker),
+// goes through the C library.
 //
 // The build leaves these steps out when asked to (VOKT_DIRECT_LOCK=OFF), when the thread
 // sanitizer instruments the library, on machines whose glibc mutex layout was not read (only
@@ -58,6 +59,10 @@ struct Identity {
 extern __thread Identity t_identity __attribute__((tls_model("initial-exec")));
 // False until the library has loaded, and whenever the direct steps are not to be taken.
 extern const bool g_directLock;
+// The C library's own single-thread flag, nonzero while the process has one thread; a flag
+// that stays 0 where it was not found or did not pass its checks at load.
+extern const char *g_alone;
+inline bool Alone() { return __atomic_load_n(g_alone, __ATOMIC_RELAXED) != 0; }
 
 // The paths kept out of line: Mutex_Lock whole, blocking for a caller that does not hold
 // the lock, and the unlock of a free mutex (reported, then released as any other).
@@ -88,6 +93,12 @@ inline bool Direct(const pthread_mutex_t *mutex) { return g_directLock && Defaul
 inline bool DirectTry(pthread_mutex_t *mutex, pid_t tid) {
     int *word = &mutex->__data.__lock;
     if (__atomic_load_n(word, __ATOMIC_RELAXED) != 0) return false;
+    if (Alone()) {  // no other thread to race with: the free word is simply taken
+        __atomic_store_n(word, 1, __ATOMIC_RELAXED);
+        mutex->__data.__owner = tid;
+        ++mutex->__data.__nusers;
+        return true;
+    }
     int expected = 0;
     // Acquire: the holder's reads and writes under the lock must not move before the lock is
     // taken, nor see less than the last holder wrote before its release. x86-64 keeps that
@@ -106,10 +117,12 @@ inline bool DirectTry(pthread_mutex_t *mutex, pid_t tid) {
 
 // The C library's unlock of a default mutex: clear the bookkeeping, free the word, and wake
 // one sleeper if the word said there were any (2).
+// Alone, nobody can sleep on the word: it is simply freed.
 inline void DirectUnlock(pthread_mutex_t *mutex) {
     mutex->__data.__owner = 0;
     --mutex->__data.__nusers;
     int *word = &mutex->__data.__lock;
+    if (Alone()) return __atomic_store_n(word, 0, __ATOMIC_RELAXED);
     if (__atomic_exchange_n(word, 0, __ATOMIC_RELEASE) > 1) Wake(word);
 }
 #endif

@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <link.h>
 #include <unistd.h>
 
 #include "vokt/internal/assert.h"
@@ -14,7 +15,10 @@
 #include "vokt/sync/vokt_sync.h"
 
 #ifdef VOKT_DIRECT_LOCK
+#include <dirent.h>
+#include <dlfcn.h>
 #include <gnu/libc-version.h>
+#include <sys/single_threaded.h>
 #endif
 #if __has_include(<valgrind/valgrind.h>) && __has_include(<valgrind/helgrind.h>) && __has_include(<valgrind/drd.h>)
 #define VOKT_VALGRIND_REQUESTS 1
@@ -68,19 +72,54 @@ bool ProtocolHolds() {
 // NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the sanitizer runtime's own name
 extern "C" void __tsan_init() __attribute__((weak));
 
-// A race checker watches the process when the thread sanitizer's runtime is linked in or
-// valgrind's tools answer their client request. Checkers see lock operations only through
-// the pthread calls they intercept.
+// A race checker watches the process when the thread sanitizer's runtime is linked in, or
+// under valgrind when the part of Helgrind or DRD that it puts in every process is loaded
+// (still there when the program has emptied LD_PRELOAD). Checkers see lock operations only
+// through the pthread calls they intercept. Valgrind's other tools (memcheck, callgrind)
+// watch no locks.
 bool RaceChecked() {
 #ifdef VOKT_VALGRIND_REQUESTS
-    if (RUNNING_ON_VALGRIND) return true;
+    if (RUNNING_ON_VALGRIND) {
+        const int found = dl_iterate_phdr(+[](dl_phdr_info *info, size_t, void *) -> int {
+            const char *name = info->dlpi_name ? info->dlpi_name : "";
+            return strstr(name, "vgpreload_helgrind") || strstr(name, "vgpreload_drd") ? 1 : 0;
+        }, nullptr);
+        if (found) return true;
+    }
 #endif
     return __tsan_init != nullptr;
 }
 
 #ifdef VOKT_DIRECT_LOCK
 bool DirectLockUsable() { return !RaceChecked() && CheckedGlibc() && ProtocolHolds(); }
+
+// The threads of the process, counted in /proc; 0 when that cannot be read.
+int CountThreads() {
+    DIR *tasks = opendir("/proc/self/task");
+    if (!tasks) return 0;
+    int n = 0;
+    while (const dirent *entry = readdir(tasks)) n += entry->d_name[0] != '.';
+    closedir(tasks);
+    return n;
+}
+
+// The C library's own storage of its single-thread flag. The program may hold a copy of
+// the exported variable (a copy relocation), which the symbol's next definition after this
+// module skips; in a fully static program there is no copy, and no next definition. The
+// flag is trusted only where it reads as the process is: one thread, or several.
+const char kNever = 0;
+const char *FindAloneFlag() {
+    const auto *flag = static_cast<const char *>(dlsym(RTLD_NEXT, "__libc_single_threaded"));
+    if (!flag) flag = &__libc_single_threaded;
+    const int threads = CountThreads();
+    const char now = __atomic_load_n(flag, __ATOMIC_RELAXED);
+    const bool truthful = (now == 1 && threads == 1) || (now == 0 && threads > 1);
+    return truthful ? flag : &kNever;
+}
 #endif
+
+// Never taken for one thread alone until the library is loaded and its flag found.
+const char kNotYet = 0;
 
 using vokt::LoadOwner;
 using vokt::t_identity;
@@ -105,8 +144,13 @@ bool TryLock(pthread_mutex_t *mutex) {
 namespace vokt {
 
 __thread Identity t_identity __attribute__((tls_model("initial-exec"))) = {};
+const char *g_alone = &kNotYet;  // constant-initialised: read before the library's own initialisation ends
 #ifdef VOKT_DIRECT_LOCK
-const bool g_directLock = DirectLockUsable();
+const bool g_directLock = [] {
+    if (!DirectLockUsable()) return false;
+    g_alone = FindAloneFlag();
+    return true;
+}();
 #else
 const bool g_directLock = false;
 #endif
