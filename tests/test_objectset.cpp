@@ -52,6 +52,8 @@ TEST(ObjectSet, GrowsByOccupiedBucketsAndMovesEntriesInReverse) {
     EXPECT_EQ(set->rehashThreshold, 12);
     EXPECT_EQ(set->usedBuckets, 7);
     EXPECT_EQ(Ids(set), (std::vector<int32_t>{100, 1, 2, 3, 4, 5, 124, 108}));
+    for (auto [hash, id] : {std::pair{0, 100}, {8, 108}, {24, 124}, {5, 5}})  // found where they went
+        EXPECT_NE(ObjectSet_Find(set, make(hash, id)), nullptr) << id;
     ObjectSet_Free(set);
     // Collisions never bring a rehash nearer; the most negative hash lands in bucket 0.
     ObjectSet *crowded = ObjectSet_New();

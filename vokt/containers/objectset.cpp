@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 // ObjectSet: separate chaining keyed by the objects' own Hash and Equals slots. The load
-// is measured in occupied buckets, so collisions do not bring a rehash nearer.
+// is measured in occupied buckets, so collisions do not bring a rehash nearer. Each entry
+// keeps its object's hash beside the public fields: a chain is walked comparing hashes, Equals
+// is called only where they agree, and a rehash never calls Hash again.
 #include "vokt/containers/objectset.h"
 
 #include <string.h>
@@ -19,10 +21,20 @@ constexpr double kLoadFactor = 0.75;
 
 const ClassDescriptor *ClassOf(const void *object) { return static_cast<const Object *>(object)->ftbl; }
 
+// The set's own entry: the public one first, so that a program walking the chains reads
+// entries as it always has. Its hash takes room the allocator gives an entry anyway (a
+// 16-byte request is served from the same 32-byte chunk as a 24-byte one).
+struct Entry {
+    ObjectSetEntry shown;
+    int32_t hash;
+};
+Entry *EntryOf(ObjectSetEntry *e) { return reinterpret_cast<Entry *>(e); }
+
+int32_t HashOf(const void *object) { return ClassOf(object)->Hash(object); }
+
 // Absolute value and remainder in signed 32-bit arithmetic: the most negative hash keeps
 // its sign and, bucket counts being powers of two times 8, lands in bucket 0.
-int32_t BucketOf(const void *object, int32_t bucketCount) {
-    const int32_t hash = ClassOf(object)->Hash(object);
+int32_t BucketOf(int32_t hash, int32_t bucketCount) {
     const int32_t magnitude = hash < 0 ? static_cast<int32_t>(0u - static_cast<uint32_t>(hash)) : hash;
     if (bucketCount <= 0) return 0;  // only a record written over by hand has no buckets
     // A power of two (as every count the set makes is) divides 2^31, so the remainder is
@@ -34,11 +46,12 @@ int32_t BucketOf(const void *object, int32_t bucketCount) {
 }
 
 // The link, in the probe's bucket, that points at the first entry equal to probe (or at
-// the chain's end).
-ObjectSetEntry **FindLink(ObjectSet *set, const void *probe, int32_t bucket) {
+// the chain's end). Equal objects hash alike, so an entry of another hash is passed by.
+ObjectSetEntry **FindLink(ObjectSet *set, const void *probe, int32_t hash, int32_t bucket) {
     ObjectSetEntry **link = &set->buckets[bucket];
     const auto *p = static_cast<const Object *>(probe);
-    while (*link && !vokt::Matches(p, static_cast<const Object *>((*link)->object))) link = &(*link)->next;
+    while (*link && (EntryOf(*link)->hash != hash || !vokt::Matches(p, static_cast<const Object *>((*link)->object))))
+        link = &(*link)->next;
     return link;
 }
 
@@ -70,7 +83,7 @@ void Rehash(ObjectSet *set) {
         ObjectSetEntry **link = &grown[i];
         while (*link) {
             ObjectSetEntry *entry = *link;
-            const int32_t j = BucketOf(entry->object, newCount);
+            const int32_t j = BucketOf(EntryOf(entry)->hash, newCount);
             if (j == i) {
                 link = &entry->next;
                 continue;
@@ -130,19 +143,20 @@ int32_t ObjectSet_Add(ObjectSet *set, void *obj, int32_t *added) {
     vokt::OwnedBy mine(set);
     VOKT_ASSERT_OR_RETURN(ClassOf(obj)->Hash != NULL, -1);  // an object that cannot be placed
     int32_t result = 0;
-    const int32_t bucket = BucketOf(obj, set->bucketCount);
-    ObjectSetEntry **link = FindLink(set, obj, bucket);
+    const int32_t hash = HashOf(obj);
+    const int32_t bucket = BucketOf(hash, set->bucketCount);
+    ObjectSetEntry **link = FindLink(set, obj, hash, bucket);
     if (*link) {
         if (added) *added = 0;
     } else {
-        auto *entry = static_cast<ObjectSetEntry *>(vokt::Alloc(sizeof(ObjectSetEntry)));
+        auto *entry = static_cast<Entry *>(vokt::Alloc(sizeof(Entry)));
         if (!entry) {
             Log_Write(0, "Failed to allocate entry structure");
             result = -2;
         } else {
             const bool wasEmpty = set->buckets[bucket] == nullptr;
-            *entry = {obj, nullptr};
-            *link = entry;
+            *entry = {{obj, nullptr}, hash};
+            *link = &entry->shown;
             if (added) *added = 1;
             if (wasEmpty) set->usedBuckets++;
         }
@@ -157,7 +171,8 @@ void *ObjectSet_Find(ObjectSet *set, void *probe) {
     if (vokt::UsedAfterDestroy(set, &vokt::kObjectSetClass.base)) return nullptr;
     if (!probe) return nullptr;
     VOKT_ASSERT_OR_RETURN(ClassOf(probe)->Hash != NULL, nullptr);
-    ObjectSetEntry *entry = *FindLink(set, probe, BucketOf(probe, set->bucketCount));
+    const int32_t hash = HashOf(probe);
+    ObjectSetEntry *entry = *FindLink(set, probe, hash, BucketOf(hash, set->bucketCount));
     return entry ? entry->object : nullptr;
 }
 
@@ -166,8 +181,9 @@ void *ObjectSet_Remove(ObjectSet *set, void *probe) {
     if (vokt::UsedAfterDestroy(set, &vokt::kObjectSetClass.base)) return nullptr;
     if (!probe) return nullptr;
     VOKT_ASSERT_OR_RETURN(ClassOf(probe)->Hash != NULL, nullptr);
-    const int32_t bucket = BucketOf(probe, set->bucketCount);
-    ObjectSetEntry **link = FindLink(set, probe, bucket);
+    const int32_t hash = HashOf(probe);
+    const int32_t bucket = BucketOf(hash, set->bucketCount);
+    ObjectSetEntry **link = FindLink(set, probe, hash, bucket);
     return *link ? Unlink(set, link, bucket) : nullptr;
 }
 
