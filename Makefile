@@ -158,13 +158,17 @@ abi-baseline: $(if $(filter $(shell uname -m),$(ABI)),all,)
 	  --out-file abi/$(ABI)/$$soname.abi $(ABI_BUILD)/libvokt.so && echo "wrote abi/$(ABI)/$$soname.abi"
 
 # Each hot path run as vokt, as the bare algorithm and as the peer, side by side; the table
-# of ratios goes to $(BUILD)/bench/ratios.md and .csv, the chart to ratios.png.
+# of ratios goes to $(BUILD)/bench/ratios.md and .csv, the chart to ratios.png. A whole run
+# (no BENCH_ARGS) also renews bench/ratios.md and bench/ratios.png, which the README shows;
+# a row without a measurement fails the run and renews nothing.
 bench: deps
 	@cmake/install-deps.sh libbenchmark-dev libglib2.0-dev gnuplot-nox
 	@cmake -S . -B $(BUILD) -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVOKT_BUILD_BENCH=ON $(CONFIGURE) >/dev/null
 	@cmake --build $(BUILD) -j$(JOBS)
 	@$(BUILD)/bench/bench_paths --out-dir=$(BUILD)/bench --benchmark_min_time=0.05 --benchmark_repetitions=5 \
 	  --benchmark_display_aggregates_only=true $(BENCH_ARGS)
+	@if [ -z "$(BENCH_ARGS)" ]; then cp $(BUILD)/bench/ratios.md bench/ratios.md && \
+	  cp $(BUILD)/bench/ratios.png bench/ratios.png && echo "renewed bench/ratios.md and bench/ratios.png"; fi
 
 # The .tar.gz and the Debian packages (libvokt1 with libvokt1-dbgsym, libvokt-dev,
 # libvokt-doc) under $(BUILD)/packages; package-lint checks them with lintian.

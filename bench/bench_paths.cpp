@@ -5,6 +5,7 @@
 // with one table of ratios, vokt / bare and vokt / peer, written as markdown and CSV (and
 // as a chart when gnuplot is there), and the bytes each container holds per element.
 #include <benchmark/benchmark.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <malloc.h>
 #include <pthread.h>
@@ -239,6 +240,7 @@ struct Path {
     std::string name;
     Body vokt, bare, peer;
     std::string peerName;  // what the peer member is, for the table and the chart
+    int threads = 1;       // the benchmark's threads running each member at once
 };
 
 // A member run with the given checks on (and all of them off afterwards).
@@ -260,19 +262,9 @@ Body LockUnlock(int depth) {
         }
     };
 }
-Body BareLockUnlock(int depth) {
-    return [depth](benchmark::State &state) {
-        bare::RecursiveMutex m;
-        for (auto _ : state) {
-            for (int i = 0; i < depth; i++) bare::Lock(&m);
-            for (int i = 0; i < depth; i++) bare::Unlock(&m);
-            benchmark::ClobberMemory();
-        }
-    };
-}
+#ifdef VOKT_BENCH_GLIB
 Body PeerLockUnlock(int depth) {
     return [depth](benchmark::State &state) {
-#ifdef VOKT_BENCH_GLIB
         GRecMutex m;
         g_rec_mutex_init(&m);
         for (auto _ : state) {
@@ -280,17 +272,71 @@ Body PeerLockUnlock(int depth) {
             for (int i = 0; i < depth; i++) g_rec_mutex_unlock(&m);
         }
         g_rec_mutex_clear(&m);
-#else
+    };
+}
+#endif
+
+// The C library's own mutex, default or recursive, as the baseline of a vokt Mutex.
+Body PosixLockUnlock(int depth) {
+    return [depth](benchmark::State &state) {
         pthread_mutexattr_t a;
         pthread_mutexattr_init(&a);
-        pthread_mutexattr_settype(&a, PTHREAD_MUTEX_RECURSIVE);
+        if (depth > 1) pthread_mutexattr_settype(&a, PTHREAD_MUTEX_RECURSIVE);
         pthread_mutex_t m;
         pthread_mutex_init(&m, &a);
         for (auto _ : state) {
             for (int i = 0; i < depth; i++) pthread_mutex_lock(&m);
             for (int i = 0; i < depth; i++) pthread_mutex_unlock(&m);
         }
-#endif
+        pthread_mutex_destroy(&m);
+    };
+}
+
+// Two threads (the benchmark's own) taking one lock in turn, a count under it.
+Mutex g_contended;
+pthread_mutex_t g_posixContended = PTHREAD_MUTEX_INITIALIZER;
+long g_turns = 0;
+void VoktContended(benchmark::State &state) {
+    for (auto _ : state) {
+        Mutex_Lock(&g_contended);
+        benchmark::DoNotOptimize(++g_turns);
+        Mutex_Unlock(&g_contended);
+    }
+}
+void PosixContended(benchmark::State &state) {
+    for (auto _ : state) {
+        pthread_mutex_lock(&g_posixContended);
+        benchmark::DoNotOptimize(++g_turns);
+        pthread_mutex_unlock(&g_posixContended);
+    }
+}
+
+// A process's number of threads: the C library takes other steps while it has one.
+bool OneThread() {
+    int n = 0;
+    if (DIR *tasks = opendir("/proc/self/task")) {
+        while (const dirent *entry = readdir(tasks)) n += entry->d_name[0] != '.';
+        closedir(tasks);
+    }
+    return n == 1;
+}
+// A member measured while the process has one thread (its rows come first), or once it
+// has had several (a thread is started and joined first).
+Body Alone(Body body) {
+    return [body](benchmark::State &state) {
+        if (!OneThread()) return state.SkipWithError("the process has started a thread already");
+        body(state);
+    };
+}
+Body Several(Body body) {
+    return [body](benchmark::State &state) {
+        static const bool started = [] {
+            pthread_t t;
+            pthread_create(&t, nullptr, [](void *) -> void * { return nullptr; }, nullptr);
+            return pthread_join(t, nullptr) == 0;
+        }();
+        if (!started) return state.SkipWithError("no thread could be started");
+        body(state);
     };
 }
 
@@ -319,6 +365,22 @@ Body BareGetAt(bool synchronised) {
         bare::Free(a);
     };
 }
+// An array under the C library's default mutex: what a synchronised Vector_GetAt is held to.
+Body PosixGetAt() {
+    return [](benchmark::State &state) {
+        auto *a = new (malloc(sizeof(bare::Array))) bare::Array;
+        pthread_mutex_t m = PTHREAD_MUTEX_INITIALIZER;
+        for (int i = 0; i < 64; i++) bare::Add(a, &g_item);
+        int64_t i = 0;
+        for (auto _ : state) {
+            pthread_mutex_lock(&m);
+            benchmark::DoNotOptimize(bare::At(a, i++ & 63));
+            pthread_mutex_unlock(&m);
+        }
+        bare::Free(a);
+    };
+}
+
 #ifdef VOKT_BENCH_GLIB
 Body PeerGetAt(bool synchronised) {
     return [synchronised](benchmark::State &state) {
@@ -678,11 +740,19 @@ std::vector<Path> Paths() {
 #define PEER(x) Nothing()
 #define PEER_NAME(glib, other) other
 #endif
+    // The C library locks with plain steps while the process has one thread: the lock rows
+    // are measured both ways, those with one thread first, against the C library's mutex.
+    const std::string posix = " (bare: pthread mutex)", recursive = " (bare: recursive pthread mutex)";
+    const std::string array = " (bare: array under a pthread mutex)";
     return {
-        {"Mutex lock+unlock", LockUnlock(1), BareLockUnlock(1), PeerLockUnlock(1), PEER_NAME("GRecMutex", "recursive pthread mutex")},
-        {"Mutex twice (recursion)", LockUnlock(2), BareLockUnlock(2), PeerLockUnlock(2), PEER_NAME("GRecMutex", "recursive pthread mutex")},
+        {"Mutex lock+unlock, one thread" + posix, Alone(LockUnlock(1)), Alone(PosixLockUnlock(1)), PEER(Alone(PeerLockUnlock(1))), PEER_NAME("GRecMutex", "")},
+        {"Mutex twice (recursion), one thread" + recursive, Alone(LockUnlock(2)), Alone(PosixLockUnlock(2)), PEER(Alone(PeerLockUnlock(2))), PEER_NAME("GRecMutex", "")},
+        {"Vector_GetAt, synchronised, one thread" + array, Alone(GetAt(true)), Alone(PosixGetAt()), PEER(Alone(PeerGetAt(true))), PEER_NAME("GPtrArray + GRecMutex", "")},
+        {"Mutex lock+unlock, several threads" + posix, Several(LockUnlock(1)), Several(PosixLockUnlock(1)), PEER(Several(PeerLockUnlock(1))), PEER_NAME("GRecMutex", "")},
+        {"Mutex twice (recursion), several threads" + recursive, Several(LockUnlock(2)), Several(PosixLockUnlock(2)), PEER(Several(PeerLockUnlock(2))), PEER_NAME("GRecMutex", "")},
+        {"Vector_GetAt, synchronised, several threads" + array, Several(GetAt(true)), Several(PosixGetAt()), PEER(Several(PeerGetAt(true))), PEER_NAME("GPtrArray + GRecMutex", "")},
+        {"Mutex lock+unlock, two threads contending" + posix, VoktContended, PosixContended, {}, "", 2},
         {"Vector_GetAt", GetAt(false), BareGetAt(false), PEER(PeerGetAt(false)), PEER_NAME("GPtrArray", "")},
-        {"Vector_GetAt, synchronised", GetAt(true), BareGetAt(true), PEER(PeerGetAt(true)), PEER_NAME("GPtrArray + GRecMutex", "")},
         {"64 x Vector_Add", VoktAdd64, BareAdd64, PEER(PeerAdd64), PEER_NAME("GPtrArray", "")},
         {"ObjectSet_Find 1k", SetFind(1000), BareSetFind(1000), PEER(PeerSetFind(1000)), PEER_NAME("GHashTable", "")},
         {"ObjectSet_Find 100k", SetFind(100000), BareSetFind(100000), PEER(PeerSetFind(100000)), PEER_NAME("GHashTable", "")},
@@ -717,10 +787,12 @@ std::vector<Path> Paths() {
 class Collector : public benchmark::ConsoleReporter {
 public:
     std::map<std::string, double> ns;
+    std::map<std::string, std::string> failed;  // members that stopped with an error, and why
     // One time per member: the run itself, or the median of its repetitions, which a
     // short noisy moment of a shared machine does not move.
     void ReportRuns(const std::vector<Run> &runs) override {
         for (const auto &run : runs) {
+            if (run.error_occurred) failed[run.run_name.function_name] = run.error_message;
             if (run.run_type == Run::RT_Iteration && run.repetitions <= 1)
                 ns[run.run_name.function_name] = run.GetAdjustedRealTime();
             else if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median")
@@ -791,11 +863,32 @@ std::string Ratio(double a, double b) {
     return text;
 }
 
-void WriteTables(const std::string &dir, const std::vector<Path> &paths, const std::map<std::string, double> &ns) {
+// Writes the tables of the rows that were run (all, unless a filter was given); false, with
+// what is missing said, when a member of such a row has no time (it stopped with an error):
+// a row without a measurement is not a result.
+bool WriteTables(const std::string &dir, std::vector<Path> paths, const Collector &collector) {
+    const auto &ns = collector.ns;
     auto at = [&](const std::string &key) {
         const auto found = ns.find(key);
         return found == ns.end() ? 0.0 : found->second;
     };
+    bool whole = true;
+    std::vector<Path> run;
+    for (const auto &p : paths) {
+        bool measured = false, missing = false;
+        for (const auto &[member, body] : {std::pair{"vokt", p.vokt}, {"bare", p.bare}, {"peer", p.peer}}) {
+            if (!body) continue;
+            const std::string name = p.name + "/" + member;
+            const auto failed = collector.failed.find(name);
+            if (failed != collector.failed.end())
+                fprintf(stderr, "no measurement for \"%s\": %s\n", name.c_str(), failed->second.c_str()), whole = false;
+            (at(name) > 0 ? measured : missing) = true;
+        }
+        if (measured && missing) fprintf(stderr, "no measurement for a member of \"%s\"\n", p.name.c_str()), whole = false;
+        if (measured) run.push_back(p);
+    }
+    if (!whole || run.empty()) return fprintf(stderr, "%s\n", run.empty() ? "nothing was measured" : "the tables are not written"), false;
+    paths = run;
     std::ofstream csv(dir + "/ratios.csv"), dat(dir + "/ratios.dat");
     std::string md = "| path | peer | vokt ns | bare ns | peer ns | vokt / bare | vokt / peer |\n"
                      "|---|---|---|---|---|---|---|\n";
@@ -835,6 +928,7 @@ void WriteTables(const std::string &dir, const std::vector<Path> &paths, const s
                              "'vokt / bare', '' using 3 title 'vokt / peer', 1 notitle lc rgb 'black'\" 2>/dev/null";
     if (system("command -v gnuplot >/dev/null 2>&1") == 0 && system(plot.c_str()) == 0) printf(", %s/ratios.png", dir.c_str());
     printf("\n");
+    return true;
 }
 
 }  // namespace
@@ -846,6 +940,7 @@ int main(int argc, char **argv) {
     mallopt(M_TRIM_THRESHOLD, 256 << 20);
     mallopt(M_MMAP_THRESHOLD, 32 << 20);
     Runtime_Init();
+    Mutex_Init(&g_contended);
     std::string dir = ".";
     for (int i = 1; i < argc; i++)
         if (strncmp(argv[i], "--out-dir=", 10) == 0) dir = argv[i] + 10;
@@ -861,12 +956,12 @@ int main(int argc, char **argv) {
     const auto paths = Paths();
     for (const auto &p : paths) {
         for (const auto &[member, body] : {std::pair{"vokt", p.vokt}, {"bare", p.bare}, {"peer", p.peer}})
-            if (body) benchmark::RegisterBenchmark((p.name + "/" + member).c_str(), body);
+            if (body) benchmark::RegisterBenchmark((p.name + "/" + member).c_str(), body)->Threads(p.threads)->UseRealTime();
     }
     benchmark::Initialize(&argc, argv);
     Collector collector;
     benchmark::RunSpecifiedBenchmarks(&collector);
-    WriteTables(dir, paths, collector.ns);
+    const bool written = WriteTables(dir, paths, collector);
     unlink(path);
-    return 0;
+    return written ? 0 : 1;
 }
