@@ -33,8 +33,9 @@ void WriteAll(int fd, const char *bytes, size_t n) {
 
 void OpenOutput(const char *path) {
     g_outputFd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (g_outputFd < 0)
-        Line("setting", 600).Add("VOKT_CHECK_OUTPUT: cannot open \"%.400s\" (%s); reports are not written to it", path, strerror(errno)).Send();
+    if (g_outputFd >= 0) return;
+    const char *why = strerror(errno);  // NOLINT(concurrency-mt-unsafe): read once at load, before any thread of the library's
+    Line("setting", 600).Add("VOKT_CHECK_OUTPUT: cannot open \"%.400s\" (%s); reports are not written to it", path, why).Send();
 }
 
 bool WritingJson() { return g_outputFd >= 0; }
@@ -115,7 +116,7 @@ struct Builder {
 // {"function":"f","offset":"0x2f","module":"app","file":"app.c","line":12}.
 void Line::PutFrames(const char *text) {
     if (!json_) return;
-    constexpr size_t kRoom = 32 * 1024;  // a site's text is at most 4 KiB: 6 bytes a character at worst
+    constexpr size_t kRoom = size_t{32} * 1024;  // a site's text is at most 4 KiB: 6 bytes a character at worst
     Builder b{static_cast<char *>(MapZeroed(kRoom)), kRoom, 0};
     if (!b.out) return;
     b.Raw("[");

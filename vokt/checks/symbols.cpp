@@ -3,7 +3,6 @@
 // only what a module exports, and nothing at all in a fully static program; the file's
 // full table (or, when it was stripped, its dynamic one) names static variables such as a
 // file's Mutex, and functions where no addr2line is installed.
-#include <elf.h>
 #include <fcntl.h>
 #include <link.h>
 #include <stdlib.h>
@@ -12,6 +11,7 @@
 #include <unistd.h>
 
 #include "vokt/checks/internal/common.h"
+#include "vokt/checks/internal/elf.h"
 
 // The C++ runtime's demangler, when the program has that runtime: a C program linked with
 // the static library has not, and its names need none.
@@ -63,53 +63,13 @@ public:
     }
     Mapped(const Mapped &) = delete;
     Mapped &operator=(const Mapped &) = delete;
-    // count items of T at offset, or null when they are not all inside the file.
-    template <typename T>
-    const T *At(uint64_t offset, uint64_t count = 1) const {
-        if (!bytes_ || offset > size_ || count > (size_ - offset) / sizeof(T) || offset % alignof(T)) return nullptr;
-        return reinterpret_cast<const T *>(bytes_ + offset);
-    }
+    const char *Bytes() const { return bytes_; }
     uint64_t Size() const { return size_; }
 
 private:
     const char *bytes_ = nullptr;
     size_t size_ = 0;
 };
-
-// The symbol of the wanted kind whose extent holds value (a file address), from the table
-// of the given type; its name (inside the file) and start, or null.
-const char *Search(const Mapped &file, uint32_t type, uint64_t value, bool data, uint64_t *start) {
-    const auto *eh = file.At<ElfW(Ehdr)>(0);
-    if (!eh || memcmp(eh->e_ident, ELFMAG, SELFMAG) != 0 || eh->e_ident[EI_CLASS] != (sizeof(void *) == 8 ? ELFCLASS64 : ELFCLASS32) ||
-        eh->e_shentsize != sizeof(ElfW(Shdr)))
-        return nullptr;
-    const auto *sections = file.At<ElfW(Shdr)>(eh->e_shoff, eh->e_shnum);
-    if (!sections) return nullptr;
-    for (ElfW(Half) s = 0; s < eh->e_shnum; s++) {
-        const ElfW(Shdr) &table = sections[s];
-        if (table.sh_type != type || table.sh_link >= eh->e_shnum || table.sh_entsize != sizeof(ElfW(Sym))) continue;
-        const ElfW(Shdr) &strings = sections[table.sh_link];
-        const auto *symbols = file.At<ElfW(Sym)>(table.sh_offset, table.sh_size / sizeof(ElfW(Sym)));
-        const char *names = file.At<char>(strings.sh_offset, strings.sh_size);
-        if (!symbols || !names || strings.sh_size == 0) continue;
-        const char *best = nullptr;
-        for (uint64_t i = 0; i < table.sh_size / sizeof(ElfW(Sym)); i++) {
-            const ElfW(Sym) &sym = symbols[i];
-            const unsigned kind = sym.st_info & 0xfu;  // ELF32_ST_TYPE and ELF64_ST_TYPE alike
-            const bool wanted = data ? kind == STT_OBJECT : kind == STT_FUNC;
-            if (!wanted || sym.st_shndx == SHN_UNDEF || sym.st_name >= strings.sh_size || value < sym.st_value ||
-                value - sym.st_value >= (sym.st_size ? sym.st_size : 1))
-                continue;
-            if (names[strings.sh_size - 1] != '\0' && !memchr(names + sym.st_name, '\0', strings.sh_size - sym.st_name))
-                continue;  // a name that runs off its table
-            best = names + sym.st_name;
-            *start = sym.st_value;
-            if (names[sym.st_name]) break;
-        }
-        if (best && best[0]) return best;
-    }
-    return nullptr;
-}
 
 }  // namespace
 
@@ -136,8 +96,7 @@ bool SymbolAt(const void *address, bool data, char *out, size_t room, uintptr_t 
     const Mapped file(m.path);
     uint64_t start = 0;
     const uint64_t value = at - m.bias;
-    const char *name = Search(file, SHT_SYMTAB, value, data, &start);
-    if (!name) name = Search(file, SHT_DYNSYM, value, data, &start);
+    const char *name = file.Bytes() ? checks::ElfSymbol(file.Bytes(), file.Size(), value, data, &start) : nullptr;
     if (!name) return false;
     *offset = static_cast<uintptr_t>(value - start);
     // C++ names read as written; the demangler's text comes from malloc, not from the
