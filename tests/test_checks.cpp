@@ -106,13 +106,13 @@ TEST(Checks, LockOrderInversionsAndHoldsAreReportedWithoutADeadlock) {
 // values as arrays (classes, counts, bytes, Mutexes, threads, sites as frames).
 TEST(Checks, ReportsAreWrittenAsJsonLines) {
     EXPECT_EQ(0, test::InChild([] {
-        Planted("leaks", "'leaks;bo\"gus' VOKT_CHECK_OUTPUT=reports.json");
+        Planted("leaks", "'leaks;bo\"g\tus' VOKT_CHECK_OUTPUT=reports.json");
         Planted("locks", "locks VOKT_CHECK_OUTPUT=reports.json");
         const std::string json = test::ReadFile("reports.json");
         EXPECT_EQ(test::Count(json, "\n"), 7) << json;
         EXPECT_EQ(test::Count(json, "{\"kind\":"), 7) << json;
         const std::string setting = Line(json, "{\"kind\":\"setting\",\"pid\":");
-        EXPECT_NE(setting.find(",\"text\":\"VOKT_CHECK: unknown check \\\"bo\\\"gus\\\" ignored\"}"), std::string::npos) << json;
+        EXPECT_NE(setting.find(",\"text\":\"VOKT_CHECK: unknown check \\\"bo\\\"g\\u0009us\\\" ignored\"}"), std::string::npos) << json;
         const std::string leaks = Line(json, "{\"kind\":\"leaks\"");
         EXPECT_NE(leaks.find(",\"text\":\"3 objects alive now: 2 String ("), std::string::npos) << leaks;
         EXPECT_NE(leaks.find(",\"classes\":[\"String\",\"Vector\"],\"counts\":[2,1],\"bytes\":["), std::string::npos) << leaks;
@@ -125,6 +125,11 @@ TEST(Checks, ReportsAreWrittenAsJsonLines) {
         EXPECT_NE(inversion.find(",\"name\":\"backwards\"}"), std::string::npos) << inversion;
         for (const char *kind : {"wait-while-holding", "ended-holding", "unlock-not-held"})
             EXPECT_EQ(test::Count(json, std::string("{\"kind\":\"") + kind + "\""), 1) << kind;
+        // Without addr2line a frame has no file and line.
+        Planted("leaks", "leaks PATH=/nowhere VOKT_CHECK_OUTPUT=bare.json");
+        const std::string bare = Line(test::ReadFile("bare.json"), "{\"kind\":\"leaks\"");
+        EXPECT_NE(bare.find("[[{\"function\":\"load_config\",\"offset\":\"0x"), std::string::npos) << bare;
+        EXPECT_NE(bare.find("\"module\":\"planted\"},{\"function\":\"main\""), std::string::npos) << bare;
         // A file that cannot be opened is said once, and the reports still go to standard error.
         const std::string unopened = Planted("leaks", "leaks VOKT_CHECK_OUTPUT=/nowhere/reports.json").err;
         EXPECT_EQ(Line(unopened, "vokt: VOKT_CHECK_OUTPUT"),
