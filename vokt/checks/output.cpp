@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "vokt/checks/internal/common.h"
+#include "vokt/checks/internal/json.h"
 
 namespace vokt {
 
@@ -40,23 +41,6 @@ void OpenOutput(const char *path) {
 
 bool WritingJson() { return g_outputFd >= 0; }
 
-size_t JsonString(char *out, size_t room, const char *text, size_t length) {
-    if (room < 3) return 0;
-    size_t used = 0;
-    out[used++] = '"';
-    for (size_t i = 0; i < length && used + 8 < room; i++) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        if (c == '"' || c == '\\')
-            out[used++] = '\\', out[used++] = static_cast<char>(c);
-        else if (c < 0x20)
-            used += static_cast<size_t>(snprintf(out + used, room - used, "\\u%04x", c));
-        else
-            out[used++] = static_cast<char>(c);
-    }
-    out[used++] = '"';
-    out[used] = '\0';
-    return used;
-}
 
 // NOLINTNEXTLINE(cert-dcl50-cpp): printf-style, so that the compiler checks each format
 void Line::Put(Field field, const char *format, ...) {
@@ -80,7 +64,7 @@ void Line::Put(Field field, const char *format, ...) {
 Line &Line::Note(Field field, const char *text) {
     if (!json_) return *this;
     char quoted[1200];
-    JsonString(quoted, sizeof quoted, text, strlen(text));
+    checks::JsonString(quoted, sizeof quoted, text, strlen(text));
     Put(field, "%s", quoted);
     return *this;
 }
@@ -95,77 +79,16 @@ Line &Line::NoSite() {
     return *this;
 }
 
-namespace {
 
-// Text built in a fixed room: what does not fit is cut, never written past the end.
-struct Builder {
-    char *out;
-    size_t room, used;
-    void Raw(const char *text) {
-        const size_t n = strnlen(text, room - used - 1);
-        memcpy(out + used, text, n);
-        used += n;
-        out[used] = '\0';
-    }
-    void Quoted(const char *text, size_t length) { used += JsonString(out + used, room - used, text, length); }
-};
-
-}  // namespace
-
-// A site's text, "f+0x2f (app, app.c:12) <- main+0x11 (app)", as an array of frames:
-// {"function":"f","offset":"0x2f","module":"app","file":"app.c","line":12}.
+// A site's frames as a JSON array, made in memory of its own.
 void Line::PutFrames(const char *text) {
     if (!json_) return;
     constexpr size_t kRoom = size_t{32} * 1024;  // a site's text is at most 4 KiB: 6 bytes a character at worst
-    Builder b{static_cast<char *>(MapZeroed(kRoom)), kRoom, 0};
-    if (!b.out) return;
-    b.Raw("[");
-    for (const char *piece = text; piece && *piece;) {
-        const char *next = strstr(piece, " <- ");
-        const size_t length = next ? static_cast<size_t>(next - piece) : strlen(piece);
-        // The module's group is the last " (" of the piece: C++ names may hold parentheses.
-        size_t head = length;
-        for (size_t i = 0; i + 1 < length; i++)
-            if (piece[i] == ' ' && piece[i + 1] == '(') head = i;
-        const bool grouped = head + 3 <= length && piece[length - 1] == ')';
-        if (!grouped) head = length;
-        size_t name = head;  // the function's name ends where its "+0x.." offset starts
-        for (size_t i = 0; i + 2 < head; i++)
-            if (piece[i] == '+' && piece[i + 1] == '0' && piece[i + 2] == 'x') name = i;
-        b.Raw(piece == text ? "{" : ",{");
-        if (name > 1 && piece[0] == '0' && piece[1] == 'x') {  // no name: the offset alone
-            b.Raw("\"offset\":");
-            b.Quoted(piece, name);
-        } else {
-            b.Raw("\"function\":");
-            b.Quoted(piece, name);
-            if (name < head) b.Raw(",\"offset\":"), b.Quoted(piece + name + 1, head - name - 1);
-        }
-        if (grouped) {
-            const char *inner = piece + head + 2;
-            const size_t innerLength = length - head - 3;
-            const auto *comma = static_cast<const char *>(memmem(inner, innerLength, ", ", 2));
-            const size_t moduleLength = comma ? static_cast<size_t>(comma - inner) : innerLength;
-            b.Raw(",\"module\":");
-            b.Quoted(inner, moduleLength);
-            if (comma) {
-                const char *place = comma + 2;
-                const size_t placeLength = innerLength - moduleLength - 2;
-                const auto *colon = static_cast<const char *>(memrchr(place, ':', placeLength));
-                b.Raw(",\"file\":");
-                b.Quoted(place, colon ? static_cast<size_t>(colon - place) : placeLength);
-                const long line = colon ? strtol(colon + 1, nullptr, 10) : 0;
-                char number[32];
-                snprintf(number, sizeof number, ",\"line\":%ld", line);
-                if (line > 0) b.Raw(number);
-            }
-        }
-        b.Raw("}");
-        piece = next ? next + 4 : nullptr;
-    }
-    b.Raw("]");
-    Put(Field::kSites, "%s", b.out);
-    Unmap(b.out, kRoom);
+    auto *out = static_cast<char *>(MapZeroed(kRoom));
+    if (!out) return;
+    checks::FramesAsJson(text, out, kRoom);
+    Put(Field::kSites, "%s", out);
+    Unmap(out, kRoom);
 }
 
 // {"kind":"leaks","pid":123,"text":"...","classes":[...],...}, written in one piece so that
@@ -176,7 +99,7 @@ void Line::WriteJson() {
     const size_t room = kFields * (jsonRoom_ + 16) + 6 * used_ + 256;
     auto *out = static_cast<char *>(MapZeroed(room));
     if (!out) return;
-    Builder b{out, room, 0};
+    checks::JsonBuilder b{out, room, 0};
     char head[96];
     snprintf(head, sizeof head, "{\"kind\":\"%s\",\"pid\":%d,\"text\":", kind_, static_cast<int>(getpid()));
     b.Raw(head);

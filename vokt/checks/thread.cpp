@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "vokt/checks/internal/common.h"
+#include "vokt/checks/internal/json.h"
 
 namespace vokt {
 
@@ -73,7 +74,7 @@ Line &Line::AddThread(uint32_t number) {
     }
     Add("thread %u", number);
     char name[6 * sizeof named.name + 3];
-    JsonString(name, sizeof name, named.name, strnlen(named.name, sizeof named.name));
+    checks::JsonString(name, sizeof name, named.name, strnlen(named.name, sizeof named.name));
     Put(Field::kThreads, "{\"number\":%u,\"tid\":%d,\"name\":%s}", number, named.tid, name);
     if (named.tid == 0) return *this;
     return named.name[0] ? Add(" (%d \"%s\")", named.tid, named.name) : Add(" (%d)", named.tid);

@@ -203,9 +203,6 @@ private:
 // it is open.
 void OpenOutput(const char *path);
 bool WritingJson();
-// Writes text as a JSON string, quoted, into out (room bytes, cut where it does not fit);
-// the bytes written.
-size_t JsonString(char *out, size_t room, const char *text, size_t length);
 // True the first time a report of this kind is asked for this pair of values.
 enum ReportKind : uint32_t {
     kReportUse = 1,
