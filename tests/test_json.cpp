@@ -26,6 +26,10 @@ TEST(Json, FramesAreReadBackFromASitesText) {
     EXPECT_EQ(Frames("std::function<void ()>::operator()() const (vokt_tests, std_function.h:?)"),
               "[{\"function\":\"std::function<void ()>::operator()() const\",\"module\":\"vokt_tests\",\"file\":\"std_function.h\"}]");
     EXPECT_EQ(Frames("0x7f00deadbeef"), "[{\"offset\":\"0x7f00deadbeef\"}]");
+    // Names that only start like an address are names; a place without a colon is all file.
+    EXPECT_EQ(Frames("0 (m) <- 0y12 (m) <- f (m, nofile) <- g (m, a.c:0)"),
+              "[{\"function\":\"0\",\"module\":\"m\"},{\"function\":\"0y12\",\"module\":\"m\"},"
+              "{\"function\":\"f\",\"module\":\"m\",\"file\":\"nofile\"},{\"function\":\"g\",\"module\":\"m\",\"file\":\"a.c\"}]");
     EXPECT_EQ(Frames(""), "[]");
     EXPECT_EQ(Frames("a\"b\\c\x01 (m)"), "[{\"function\":\"a\\\"b\\\\c\\u0001\",\"module\":\"m\"}]");
 }
