@@ -55,6 +55,7 @@ build-deps:
 
 deps: build-deps
 	@[ -f /usr/include/gtest/gtest.h ] || cmake/install-deps.sh libgtest-dev
+	@command -v gdb >/dev/null 2>&1 || cmake/install-deps.sh gdb
 
 test: all
 	@ctest --test-dir $(BUILD) --output-on-failure -j$(JOBS)
