@@ -417,7 +417,7 @@ class ThreadPrinter:
             pthread, joinable = int(self.value["id"]), int(self.value["bIsJoinable"])
         except (gdb.error, gdb.MemoryError):
             return "<unreadable Thread>"
-        return "Thread %s, %s" % (_thread_of(pthread), "joinable" if joinable else "detached")
+        return "Thread: %s, %s" % (_thread_of(pthread), "joinable" if joinable else "detached")
 
 
 _SYNC = {

@@ -38,7 +38,7 @@ for out in "$tmp/live" "$tmp/core.txt"; do
   expect "$out" "^\\\$11 = Mutex free\$"
   expect "$out" "^\\\$12 = Event not set\$"
   expect "$out" "^\\\$13 = Counter 1 \\(busy\\)\$"
-  expect "$out" "^\\\$14 = Thread thread 2 \\(LWP [0-9]+.*\\), joinable\$"
+  expect "$out" "^\\\$14 = Thread: thread 2 \\(LWP [0-9]+.*\\), joinable\$"
   expect "$out" "^\\\$15 = $A Person object\$"
   expect "$out" "^\\\$16 = $A CodeName \"Vokt_1\""
   expect "$out" "^\\\$17 = <corrupted or freed object at $A>\$"
