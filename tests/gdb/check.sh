@@ -14,7 +14,7 @@ session() {  # gdb in batch mode, on the program and the core or run live, print
     -ex "print text" -ex "print *text" -ex "print unset" -ex "print list" -ex "print set" -ex "print map" \
     -ex "print bag" -ex "print code" -ex "print block" -ex "print mutex" -ex "print idle" -ex "print g_release" \
     -ex "print counter" -ex "print worker" -ex "print person" -ex "print any" -ex "print broken" -ex "print none" \
-    -ex "vokt errors" -ex "vokt error ref" -ex "vokt error 5" -ex "vokt error -2" -ex "vokt log" -ex "vokt mutexes" 2>&1
+    -ex "print ready" -ex "vokt errors" -ex "vokt error ref" -ex "vokt error 5" -ex "vokt error -2" -ex "vokt log" -ex "vokt mutexes" 2>&1
 }
 VOKT_CHECK=all session -ex "break inspect_here" -ex run -ex "vokt leaks" -ex "gcore $tmp/core" "$subject" > "$tmp/live"
 [ -s "$tmp/core" ] || { cat "$tmp/live"; echo "no core file was dumped"; exit 1; }
@@ -43,6 +43,7 @@ for out in "$tmp/live" "$tmp/core.txt"; do
   expect "$out" "^\\\$16 = $A CodeName \"Vokt_1\""
   expect "$out" "^\\\$17 = <corrupted or freed object at $A>\$"
   expect "$out" "^\\\$18 = null\$"
+  expect "$out" "^\\\$19 = Condition set\$"
   expect "$out" "^0x40000001: Error 404, priority 100: $A String \"no such page: index\" \\(length 19\\)\$"
   expect "$out" "^1 live reference in 1 slots\$"
   expect "$out" "^5: a plain code, not a stored error\$"

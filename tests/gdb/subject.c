@@ -51,6 +51,9 @@ int main(void) {
     Mutex idle;
     Mutex_Init(&idle);
     Event_Init(&g_release);
+    Condition ready;
+    Condition_Init(&ready);
+    Condition_Signal(&ready);
     Counter counter;
     Counter_Init(&counter);
     Counter_Increment(&counter);
@@ -74,5 +77,5 @@ int main(void) {
     for (size_t i = 0; i < sizeof all / sizeof all[0]; i++)
         if (all[i] != any) Object_Destroy(all[i]);
     free(broken);
-    return none == NULL && ref != 0 && Counter_GetValue(&counter) == 1 ? 0 : 1;
+    return none == NULL && ref != 0 && Counter_GetValue(&counter) == 1 && Condition_Wait(&ready) == 1 ? 0 : 1;
 }
