@@ -58,11 +58,11 @@ TEST(Elf, ABrokenFileNamesNothingAndIsNeverReadOutside) {
     std::string file = FileOf(VOKT_PLANTED);  // a small program: many changes are tried quickly
     ASSERT_GT(file.size(), sizeof(ElfW(Ehdr)));
     uint64_t start = 0;
-    const auto Ask = [&](const std::string &bytes) {
+    const auto Ask = [&](const std::string &bytes, uint64_t value = 0x1000, bool data = true) {
         // Each call on its own copy, exactly as long as the bytes: a read past them is seen
         // by the address sanitizer.
         const std::vector<char> copy(bytes.begin(), bytes.end());
-        const char *name = vokt::checks::ElfSymbol(copy.data(), copy.size(), 0x1000, true, &start);
+        const char *name = vokt::checks::ElfSymbol(copy.data(), copy.size(), value, data, &start);
         return std::string(name ? name : "(none)");
     };
     // Cut at every point of the headers, and at a few inside the tables.
@@ -75,16 +75,19 @@ TEST(Elf, ABrokenFileNamesNothingAndIsNeverReadOutside) {
     std::string other = file;
     other[EI_CLASS] = sizeof(void *) == 8 ? ELFCLASS32 : ELFCLASS64;
     EXPECT_EQ(Ask(other), "(none)");
-    // Bytes of the file and section headers changed at random, a thousand times.
+    // Bytes of the headers, or of anywhere in the file (its symbols and their names), changed
+    // at random a thousand times, and asked for addresses where the program's code and data lie.
     std::mt19937 random(12345);
     for (int round = 0; round < 1000; round++) {
         std::string changed = file;
         for (int k = 0; k < 4; k++) {
-            const bool inHeader = random() % 4 == 0;
-            const uint64_t at = inHeader ? random() % sizeof(ElfW(Ehdr)) : tables + random() % (headersEnd - tables);
+            const unsigned where = random() % 4;
+            const uint64_t at = where == 0   ? random() % sizeof(ElfW(Ehdr))
+                                : where == 1 ? tables + random() % (headersEnd - tables)
+                                             : random() % file.size();
             changed[at] = static_cast<char>(random());
         }
-        EXPECT_NE(Ask(changed), "");  // whatever is found is a name
+        EXPECT_NE(Ask(changed, 0x1000 + random() % 0x4000, random() % 2 == 0), "");  // whatever is found is a name
     }
 }
 
