@@ -5,6 +5,7 @@
 #include <link.h>
 
 #include <fstream>
+#include <functional>
 #include <random>
 #include <sstream>
 #include <string>
@@ -89,6 +90,48 @@ TEST(Elf, ABrokenFileNamesNothingAndIsNeverReadOutside) {
         }
         EXPECT_NE(Ask(changed, 0x1000 + random() % 0x4000, random() % 2 == 0), "");  // whatever is found is a name
     }
+}
+
+// Each table and name the search reads, broken one at a time around a function it finds.
+TEST(Elf, EachTableAndNameIsCheckedBeforeItIsRead) {
+    const std::string file = FileOf(VOKT_PLANTED);
+    const auto *eh = reinterpret_cast<const ElfW(Ehdr) *>(file.data());
+    const auto *sections = reinterpret_cast<const ElfW(Shdr) *>(file.data() + eh->e_shoff);
+    int table = -1;
+    for (int s = 0; s < eh->e_shnum && table < 0; s++)
+        if (sections[s].sh_type == SHT_SYMTAB) table = s;
+    ASSERT_GE(table, 0) << "the planted program keeps its symbol table";
+    const ElfW(Shdr) &symtab = sections[table];
+    const int strtab = static_cast<int>(symtab.sh_link);
+    const auto *symbols = reinterpret_cast<const ElfW(Sym) *>(file.data() + symtab.sh_offset);
+    size_t found = 0;  // a named function with a size
+    for (size_t i = 1; i < symtab.sh_size / sizeof(ElfW(Sym)) && !found; i++)
+        if ((symbols[i].st_info & 0xf) == STT_FUNC && symbols[i].st_size > 0 && symbols[i].st_shndx != SHN_UNDEF &&
+            file[sections[strtab].sh_offset + symbols[i].st_name] != '\0')
+            found = i;
+    ASSERT_GT(found, 0u);
+    const ElfW(Sym) sym = symbols[found];
+    const std::string name(file.data() + sections[strtab].sh_offset + sym.st_name);
+    uint64_t start = 0;
+    const auto Ask = [&](const std::function<void(ElfW(Shdr) *, ElfW(Sym) *)> &change) {
+        std::vector<char> copy(file.begin(), file.end());
+        auto *shdr = reinterpret_cast<ElfW(Shdr) *>(copy.data() + eh->e_shoff);
+        for (int s = 0; s < eh->e_shnum; s++)  // the dynamic table would answer in its stead
+            if (shdr[s].sh_type == SHT_DYNSYM) shdr[s].sh_type = SHT_NULL;
+        change(shdr, reinterpret_cast<ElfW(Sym) *>(copy.data() + symtab.sh_offset) + found);
+        const char *got = vokt::checks::ElfSymbol(copy.data(), copy.size(), sym.st_value + 1, false, &start);
+        return std::string(got ? got : "(none)");
+    };
+    EXPECT_EQ(Ask([](ElfW(Shdr) *, ElfW(Sym) *) {}), name);
+    EXPECT_EQ(start, sym.st_value);
+    const uint64_t far = file.size() + 4096;
+    EXPECT_EQ(Ask([&](ElfW(Shdr) *h, ElfW(Sym) *) { h[table].sh_offset = far; }), "(none)") << "symbols outside";
+    EXPECT_EQ(Ask([&](ElfW(Shdr) *h, ElfW(Sym) *) { h[strtab].sh_offset = far; }), "(none)") << "names outside";
+    EXPECT_EQ(Ask([&](ElfW(Shdr) *h, ElfW(Sym) *) { h[strtab].sh_size = 0; }), "(none)") << "no names";
+    EXPECT_EQ(Ask([&](ElfW(Shdr) *h, ElfW(Sym) *s) { s->st_name = static_cast<uint32_t>(h[strtab].sh_size + 9); }), "(none)");
+    EXPECT_EQ(Ask([&](ElfW(Shdr) *h, ElfW(Sym) *s) { h[strtab].sh_size = s->st_name + 1; }), "(none)") << "a name cut";
+    EXPECT_EQ(Ask([](ElfW(Shdr) *, ElfW(Sym) *s) { s->st_shndx = SHN_UNDEF; }), "(none)") << "undefined";
+    EXPECT_EQ(Ask([&](ElfW(Shdr) *h, ElfW(Sym) *) { h[table].sh_link = 0xffff; }), "(none)") << "names of no section";
 }
 
 }  // namespace
