@@ -215,18 +215,6 @@ def _map_entries(address):
     return count, pairs
 
 
-def describe_map(address):
-    got = _map_entries(address)
-    return _corrupted(address, "StringMap") if got is None else "StringMap of %d" % got[0]
-
-
-def map_entries(address):
-    got = _map_entries(address)
-    for i, (key, value) in enumerate(got[1] if got else []):
-        yield "[k%d]" % i, key
-        yield "[v%d]" % i, value
-
-
 def _bag_elements(address):
     elements = _member(address, "StringBag", "elements")
     fields = _vector_fields(elements) if elements else None
@@ -242,16 +230,25 @@ def _bag_elements(address):
     return size, out
 
 
-def describe_bag(address):
-    got = _bag_elements(address)
-    return _corrupted(address, "StringBag") if got is None else "StringBag of %d" % got[0]
+def _as_map(name, read):
+    """A map-like class's line and its key = value children, from read(address): its
+    count and its first pairs, or None when it cannot be read."""
+
+    def line(address):
+        got = read(address)
+        return _corrupted(address, name) if got is None else "%s of %d" % (name, got[0])
+
+    def children(address):
+        got = read(address)
+        for i, (key, value) in enumerate(got[1] if got else []):
+            yield "[k%d]" % i, key
+            yield "[v%d]" % i, str(value)
+
+    return line, children
 
 
-def bag_elements(address):
-    got = _bag_elements(address)
-    for i, (text, count) in enumerate(got[1] if got else []):
-        yield "[k%d]" % i, text
-        yield "[v%d]" % i, str(count)
+describe_map, map_entries = _as_map("StringMap", _map_entries)
+describe_bag, bag_elements = _as_map("StringBag", _bag_elements)
 
 
 def describe_codename(address):
