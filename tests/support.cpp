@@ -65,7 +65,8 @@ std::string MakeTempDir() {
     return dir ? dir : "/tmp";
 }
 
-int RemoveDir(const std::string &dir) { return system(("rm -rf " + dir).c_str()); }
+// 0 when the folder is gone; else an exit code of its own (a shell status of 256 would exit as 0).
+int RemoveDir(const std::string &dir) { return system(("rm -rf " + dir).c_str()) == 0 ? 0 : 97; }
 
 }  // namespace
 
