@@ -13,24 +13,44 @@ namespace {
 // report: each child starts a new generation, and only the current one is reported.
 uint32_t g_generation = 0;
 
-// The low 6 bits of a block's mix choose its stripe, the bits above them its home slot.
+// A block's mix: the address times an odd constant, halves swapped. Each bit of the high
+// half of the product depends on every address bit below it, and the allocator's addresses
+// differ in the bits above the 16-byte alignment, so the low 6 bits of the mix choose the
+// stripe and the bits above them the home slot. Cheap, as it is computed once or more for
+// every block the program allocates.
 constexpr uint32_t kStripes = 64;
-uint64_t MixOf(uintptr_t block) { return Mix64(block); }
+uint64_t MixOf(uintptr_t block) {
+    const uint64_t h = static_cast<uint64_t>(block) * 0x9E3779B97F4A7C15ull;
+    return h >> 32 | h << 32;
+}
 struct RecordTraits {
     static bool Empty(const Record &r) { return r.block == 0; }
     static uint64_t Hash(const Record &r) { return MixOf(r.block) >> 6; }
 };
+using Records = checks::Table<Record, RecordTraits>;
 struct alignas(64) Stripe {
     SpinLock lock;
-    checks::Table<Record, RecordTraits> table;
+    Records table;
 };
 Stripe g_stripes[kStripes];
 
-Stripe &StripeOf(uintptr_t block) { return g_stripes[MixOf(block) & (kStripes - 1)]; }
+// A block's stripe, locked while this lives, with the block's record there.
+class Locked {
+public:
+    explicit Locked(uintptr_t block)
+        : block_(block), mix_(MixOf(block)), stripe_(g_stripes[mix_ & (kStripes - 1)]), guard_(stripe_.lock) {}
+    Records &Table() { return stripe_.table; }
+    uint64_t Home() const { return mix_ >> 6; }
+    Record *Find() {
+        return stripe_.table.Find(Home(), [block = block_](const Record &r) { return r.block == block; });
+    }
 
-Record *FindLocked(Stripe &s, uintptr_t block) {
-    return s.table.Find(MixOf(block) >> 6, [block](const Record &r) { return r.block == block; });
-}
+private:
+    uintptr_t block_;
+    uint64_t mix_;
+    Stripe &stripe_;
+    SpinGuard guard_;
+};
 
 // An object's class and its owner come through the thread's part (NewObjectRecorded,
 // OwnedBy); memory made for an owner needs no call site: it is reported with the owner.
@@ -77,9 +97,8 @@ void *RecordedRealloc(void *block, size_t size) {
 // block cannot both give it back: a destroyed object found again stays as it is, an object
 // being destroyed is marked held back at once, any other record goes.
 Known Retire(uintptr_t block, Record *out) {
-    Stripe &s = StripeOf(block);
-    SpinGuard guard(s.lock);
-    Record *found = FindLocked(s, block);
+    Locked at(block);
+    Record *found = at.Find();
     if (!found) return Known::kNothing;
     *out = *found;
     if (found->flags & (kQuarantined | kGone)) return found->flags & kGone ? Known::kGone : Known::kHeld;
@@ -90,7 +109,7 @@ Known Retire(uintptr_t block, Record *out) {
         found->site = CaptureSite();
         return Known::kLive;
     }
-    s.table.Remove(found);
+    at.Table().Remove(found);
     out->cls = nullptr;  // a block, or an object the quarantine is off for: simply released
     return Known::kLive;
 }
@@ -115,12 +134,11 @@ void RecordedFree(void *block) {
 
 void Insert(Record r) {
     {
-        Stripe &s = StripeOf(r.block);
-        SpinGuard guard(s.lock);
-        MakeRoom(s.table);  // without memory, an earlier record of the address is still replaced
+        Locked at(r.block);
+        MakeRoom(at.Table());  // without memory, an earlier record of the address is still replaced
         bool found = false;
         const uintptr_t block = r.block;
-        if (Record *slot = s.table.FindOrClaim(RecordTraits::Hash(r), [block](const Record &x) { return x.block == block; }, &found)) {
+        if (Record *slot = at.Table().FindOrClaim(at.Home(), [block](const Record &x) { return x.block == block; }, &found)) {
             if (found && (slot->flags & kGone)) r.flags |= kReused;  // a tombstone: the address is used again
             *slot = r;
             return;
@@ -130,18 +148,16 @@ void Insert(Record r) {
 }
 
 Known Examine(uintptr_t block, Record *out) {
-    Stripe &s = StripeOf(block);
-    SpinGuard guard(s.lock);
-    const Record *found = FindLocked(s, block);
+    Locked at(block);
+    const Record *found = at.Find();
     if (!found) return Known::kNothing;
     *out = *found;
     return found->flags & kGone ? Known::kGone : found->flags & kQuarantined ? Known::kHeld : Known::kLive;
 }
 
 bool Bury(uintptr_t block, Record *out) {
-    Stripe &s = StripeOf(block);
-    SpinGuard guard(s.lock);
-    Record *found = FindLocked(s, block);
+    Locked at(block);
+    Record *found = at.Find();
     if (!found || !(found->flags & kQuarantined)) return false;
     *out = *found;
     found->flags = (found->flags & ~kQuarantined) | kGone;
@@ -150,12 +166,11 @@ bool Bury(uintptr_t block, Record *out) {
 
 
 bool Take(uintptr_t block, Record *out) {
-    Stripe &s = StripeOf(block);
-    SpinGuard guard(s.lock);
-    Record *found = FindLocked(s, block);
+    Locked at(block);
+    Record *found = at.Find();
     if (!found) return false;
     *out = *found;
-    s.table.Remove(found);
+    at.Table().Remove(found);
     return true;
 }
 
@@ -174,9 +189,8 @@ bool Alive(const Record &r) {
 bool Reported(const Record &r) { return Alive(r) && !(r.flags & (kKept | kKeptAlive)); }
 
 bool KeepAlive(const void *object) {
-    Stripe &s = StripeOf(reinterpret_cast<uintptr_t>(object));
-    SpinGuard guard(s.lock);
-    Record *found = FindLocked(s, reinterpret_cast<uintptr_t>(object));
+    Locked at(reinterpret_cast<uintptr_t>(object));
+    Record *found = at.Find();
     if (!found || !found->cls) return false;
     found->flags |= kKeptAlive;
     return true;
@@ -213,9 +227,8 @@ void *ReallocOwned(const void *owner, void *block, size_t size) {
 }
 
 void Reown(const void *block, const void *owner) {
-    Stripe &s = StripeOf(reinterpret_cast<uintptr_t>(block));
-    SpinGuard guard(s.lock);
-    if (Record *found = FindLocked(s, reinterpret_cast<uintptr_t>(block))) found->owner = reinterpret_cast<uintptr_t>(owner);
+    Locked at(reinterpret_cast<uintptr_t>(block));
+    if (Record *found = at.Find()) found->owner = reinterpret_cast<uintptr_t>(owner);
 }
 
 void *NewObjectRecorded(const ClassDescriptor *cls, const char *what) {
