@@ -426,6 +426,41 @@ TEST(Checks, EndedThreadsLeaveNothingMapped) {
     }));
 }
 
+// Makes and destroys Strings, keeping every 100th in kept.
+void *Churn(void *kept) {
+    for (int i = 0; i < 10000; i++) {
+        String *s = String_NewFromChars("some text");
+        String_AppendChars(s, " more");
+        if (i % 100 == 0)
+            static_cast<String **>(kept)[i / 100] = s;
+        else
+            String_Destroy(s);
+    }
+    return nullptr;
+}
+
+// Threads that allocate and destroy at once share the records and the quarantine: nothing
+// reported, nothing lost.
+TEST(Checks, ThreadsAllocatingAtOnceKeepTheRecordsExact) {
+    EXPECT_EQ(0, test::InChild([] {
+        Runtime_SetChecks(VOKT_CHECK_LEAKS | VOKT_CHECK_OBJECTS);
+        const int64_t before = Runtime_CountLive("String");
+        static String *kept[4][100];
+        EXPECT_EQ(test::Stderr([] {
+            test::Finishes("four threads making and destroying Strings", [] {
+                Thread threads[4];
+                for (int i = 0; i < 4; i++) Thread_CreateJoinable(&threads[i], Churn, kept[i]);
+                for (Thread &t : threads) Thread_Join(t);
+            });
+        }), "");
+        EXPECT_EQ(Runtime_CountLive("String"), before + 400);
+        for (auto &row : kept)
+            for (String *s : row) String_Destroy(s);
+        EXPECT_EQ(Runtime_CountLive("String"), before);
+        Runtime_SetChecks(0);
+    }));
+}
+
 [[gnu::noinline]] void Deep(int depth, Vector *kept) {
     Vector_Add(kept, String_New());
     if (depth > 0) Deep(depth - 1, kept);
