@@ -165,6 +165,11 @@ bool Bury(uintptr_t block, Record *out) {
 }
 
 
+void PrefetchRecord(uintptr_t block) {
+    const uint64_t mix = MixOf(block);
+    g_stripes[mix & (kStripes - 1)].table.Prefetch(mix >> 6);
+}
+
 bool Take(uintptr_t block, Record *out) {
     Locked at(block);
     Record *found = at.Find();

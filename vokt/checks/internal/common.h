@@ -265,6 +265,8 @@ Known Examine(uintptr_t block, Record *out);
 // A quarantined object's record becomes its tombstone (out: the record); false when block is
 // not held back.
 bool Bury(uintptr_t block, Record *out);
+// Brings the record of block into the cache, for one of the above soon to come.
+void PrefetchRecord(uintptr_t block);
 // Calls visit on every record, each under its table's lock.
 void EachRecord(void (*visit)(const Record &, void *), void *context);
 // True for a record of something alive that this process made (not a forked child's

@@ -30,8 +30,8 @@ public:
     using Slot = Entry;
     // Takes slots (capacity zeroed entries, a power of two) as the table's, empty.
     void Attach(Entry *slots, size_t capacity) {
-        slots_ = slots;
-        mask_ = capacity - 1;
+        __atomic_store_n(&slots_, slots, __ATOMIC_RELAXED);  // Prefetch reads these without the owner's lock
+        __atomic_store_n(&mask_, capacity - 1, __ATOMIC_RELAXED);
         count_ = 0;
     }
     Entry *Slots() const { return slots_; }
@@ -48,6 +48,14 @@ public:
             if (Traits::Empty(slots_[i])) return nullptr;
             if (match(slots_[i])) return &slots_[i];
         }
+    }
+
+    // Asks the processor to bring the home slot of hash into its cache, for a Find soon to
+    // come. Callable without the owner's lock: a slot read from an array being replaced is
+    // only fetched, never used (and fetching an address never faults).
+    void Prefetch(uint64_t hash) const {
+        const Entry *slots = __atomic_load_n(&slots_, __ATOMIC_RELAXED);
+        if (slots) __builtin_prefetch(&slots[hash & __atomic_load_n(&mask_, __ATOMIC_RELAXED)], 1);
     }
 
     // The empty slot where an entry with this hash goes, now counted: the caller fills it.
