@@ -505,8 +505,12 @@ def _static(name):
         return None
     for objfile in gdb.objfiles():
         symbols = _file_symbols(objfile.filename) if objfile.filename else {}
-        if mangled in symbols and "Runtime_Init" in symbols:  # the file that holds the library
-            return anchor - symbols["Runtime_Init"] + symbols[mangled]
+        if "Runtime_Init" not in symbols:  # not the file that holds the library
+            continue
+        # Link-time optimisation may add a suffix (".lto_priv.0") to such a name.
+        found = [value for key, value in symbols.items() if key == mangled or key.startswith(mangled + ".lto_priv.")]
+        if len(found) == 1:
+            return anchor - symbols["Runtime_Init"] + found[0]
     return None
 
 
