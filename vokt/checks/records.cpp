@@ -100,9 +100,12 @@ Known Retire(uintptr_t block, Record *out) {
     Locked at(block);
     Record *found = at.Find();
     if (!found) return Known::kNothing;
-    *out = *found;
-    if (found->flags & (kQuarantined | kGone)) return found->flags & kGone ? Known::kGone : Known::kHeld;
+    if (found->flags & (kQuarantined | kGone)) {
+        *out = *found;
+        return found->flags & kGone ? Known::kGone : Known::kHeld;
+    }
     if (found->cls && Checking(kCheckObjects)) {
+        *out = *found;
         found->flags |= kQuarantined;
         // Where it is destroyed. A new site takes the sites' lock inside this one, which is
         // never taken the other way round.
@@ -132,15 +135,16 @@ void RecordedFree(void *block) {
 
 }  // namespace
 
-void Insert(Record r) {
+void Insert(const Record &r) {
     {
         Locked at(r.block);
         MakeRoom(at.Table());  // without memory, an earlier record of the address is still replaced
         bool found = false;
         const uintptr_t block = r.block;
         if (Record *slot = at.Table().FindOrClaim(at.Home(), [block](const Record &x) { return x.block == block; }, &found)) {
-            if (found && (slot->flags & kGone)) r.flags |= kReused;  // a tombstone: the address is used again
+            const bool tombstone = found && (slot->flags & kGone);
             *slot = r;
+            if (tombstone) slot->flags |= kReused;  // the address held a destroyed object: it is used again
             return;
         }
     }

@@ -257,7 +257,7 @@ struct Record {
 // What the records say of an address.
 enum class Known { kNothing, kLive, kHeld, kGone };
 // Records a block, in place of the tombstone its address may have (it is then kReused).
-void Insert(Record r);
+void Insert(const Record &r);
 // Takes the record of a block out into out; false when there is none.
 bool Take(uintptr_t block, Record *out);
 // The record of an address, into out.
