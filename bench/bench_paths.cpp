@@ -14,6 +14,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <linux/futex.h>
+#include <sys/single_threaded.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -316,14 +317,16 @@ void PosixContended(benchmark::State &state) {
     }
 }
 
-// A process's number of threads: the C library takes other steps while it has one.
+// True while the process has never had a second thread: the C library takes other steps
+// until then, and keeps taking them once a thread has started, even after it has ended
+// (which the number of threads alone does not show).
 bool OneThread() {
     int n = 0;
     if (DIR *tasks = opendir("/proc/self/task")) {
         while (const dirent *entry = readdir(tasks)) n += entry->d_name[0] != '.';
         closedir(tasks);
     }
-    return n == 1;
+    return n == 1 && __libc_single_threaded;
 }
 // A member measured while the process has one thread (its rows come first), or once it
 // has had several (a thread is started and joined first).
