@@ -285,8 +285,9 @@ void LockTaken(Mutex *m) {
     const uint32_t node = NodeOf(m);
     if (node == 0) return;
     const uint32_t site = CaptureSite();
-    uint32_t none = 0;
-    __atomic_compare_exchange_n(&g_firstSite[node], &none, site, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED);
+    // Kept once: a Mutex locked again costs no atomic exchange here.
+    if (uint32_t none = 0; __atomic_load_n(&g_firstSite[node], __ATOMIC_RELAXED) == 0)
+        __atomic_compare_exchange_n(&g_firstSite[node], &none, site, false, __ATOMIC_RELAXED, __ATOMIC_RELAXED);
     for (int i = 0; i < me->heldCount; i++) Order(held[i], node, site);
     SetHolder(node, static_cast<uint64_t>(ThreadNumber()) << 32 | site);
     if (me->heldCount < kHeldKept)
