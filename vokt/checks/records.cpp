@@ -23,9 +23,10 @@ uint64_t MixOf(uintptr_t block) {
     const uint64_t h = static_cast<uint64_t>(block) * 0x9E3779B97F4A7C15ull;
     return h >> 32 | h << 32;
 }
+uint64_t HomeOf(uint64_t mix) { return mix >> 6; }
 struct RecordTraits {
     static bool Empty(const Record &r) { return r.block == 0; }
-    static uint64_t Hash(const Record &r) { return MixOf(r.block) >> 6; }
+    static uint64_t Hash(const Record &r) { return HomeOf(MixOf(r.block)); }
 };
 using Records = checks::Table<Record, RecordTraits>;
 struct alignas(64) Stripe {
@@ -33,14 +34,15 @@ struct alignas(64) Stripe {
     Records table;
 };
 Stripe g_stripes[kStripes];
+Stripe &StripeOf(uint64_t mix) { return g_stripes[mix & (kStripes - 1)]; }
 
 // A block's stripe, locked while this lives, with the block's record there.
 class Locked {
 public:
     explicit Locked(uintptr_t block)
-        : block_(block), mix_(MixOf(block)), stripe_(g_stripes[mix_ & (kStripes - 1)]), guard_(stripe_.lock) {}
+        : block_(block), mix_(MixOf(block)), stripe_(StripeOf(mix_)), guard_(stripe_.lock) {}
     Records &Table() { return stripe_.table; }
-    uint64_t Home() const { return mix_ >> 6; }
+    uint64_t Home() const { return HomeOf(mix_); }
     Record *Find() {
         return stripe_.table.Find(Home(), [block = block_](const Record &r) { return r.block == block; });
     }
@@ -168,10 +170,9 @@ bool Bury(uintptr_t block, Record *out) {
     return true;
 }
 
-
 void PrefetchRecord(uintptr_t block) {
     const uint64_t mix = MixOf(block);
-    g_stripes[mix & (kStripes - 1)].table.Prefetch(mix >> 6);
+    StripeOf(mix).table.Prefetch(HomeOf(mix));
 }
 
 bool Take(uintptr_t block, Record *out) {
